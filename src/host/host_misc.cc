@@ -1,0 +1,7 @@
+#include <stdlib.h>
+
+#include "host/host.h"
+
+bool hostIsMultiByteLead(int) { return false; }
+
+void hostFree(void* p) { ::free(p); }
