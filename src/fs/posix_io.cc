@@ -1,0 +1,159 @@
+#include "fs/posix_io.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "orvane/path.h"
+
+namespace detail {
+
+namespace {
+
+// Lock files are created readable and writable by everyone; the umask then
+// decides, as for any file the caller creates.
+constexpr mode_t kLockFileMode = 0777;
+
+int openRetryingEintr(const char* path, int flags, mode_t mode, ScopedFd& fd) {
+    if (!path) return EFAULT;
+    for (;;) {
+        const int r = ::open(path, flags | O_CLOEXEC, mode);
+        if (r >= 0) {
+            fd.reset(r);
+            return 0;
+        }
+        if (errno != EINTR) return errno;
+    }
+}
+
+}  // namespace
+
+void ScopedFd::reset(int fd) {
+    // A close error cannot be acted on here: the descriptor is gone either way.
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+}
+
+int openExclusiveCreate(const char* path, ScopedFd& fd) {
+    const int err = openRetryingEintr(path, O_WRONLY | O_CREAT | O_EXCL, kLockFileMode, fd);
+    // An sftp-based network mount reports a lost exclusive-create race as
+    // EPERM: its protocol has no "already exists" answer. Said of a name that
+    // exists, EPERM means just that, and lock contention must not read as a
+    // file-system fault.
+    if (err == EPERM) {
+        struct stat st;
+        if (::lstat(path, &st) == 0) return EEXIST;
+    }
+    return err;
+}
+
+int openForRewrite(const char* path, ScopedFd& fd) {
+    return openRetryingEintr(path, O_WRONLY | O_CREAT, kLockFileMode, fd);
+}
+
+int openExistingForUpdate(const char* path, ScopedFd& fd) {
+    return openRetryingEintr(path, O_RDWR | O_NOCTTY | O_NONBLOCK, 0, fd);
+}
+
+int openExclusiveCreateForUpdate(const char* path, ScopedFd& fd) {
+    return openRetryingEintr(path, O_RDWR | O_CREAT | O_EXCL, kLockFileMode, fd);
+}
+
+int readHeadAt0(const ScopedFd& fd, std::string& content, size_t maxBytes) {
+    content.assign(maxBytes, '\0');
+    size_t got = 0;
+    while (got < maxBytes) {
+        const ssize_t n = ::pread(fd.get(), &content[got], maxBytes - got, static_cast<off_t>(got));
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            content.clear();
+            return errno;
+        }
+        got += static_cast<size_t>(n);
+    }
+    content.resize(got);
+    return 0;
+}
+
+int writeAllAt0(const ScopedFd& fd, const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        errno = 0;
+        const ssize_t n = ::pwrite(fd.get(), bytes.data() + done, bytes.size() - done,
+                                   static_cast<off_t>(done));
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        return n < 0 && errno != 0 ? errno : EIO;
+    }
+    return 0;
+}
+
+int writeUint32(const ScopedFd& fd, uint32_t value) {
+    for (;;) {
+        errno = 0;
+        const ssize_t n = ::write(fd.get(), &value, sizeof value);
+        if (n == static_cast<ssize_t>(sizeof value)) return 0;
+        if (n < 0 && errno == EINTR) continue;
+        return n < 0 && errno != 0 ? errno : EIO;
+    }
+}
+
+int readFileHead(const char* path, std::string& content, size_t maxBytes) {
+    ScopedFd fd;
+    // O_NONBLOCK: a FIFO put where a lock file should be must not hang us;
+    // it changes nothing for regular files.
+    const int err = openRetryingEintr(path, O_RDONLY | O_NOCTTY | O_NONBLOCK, 0, fd);
+    if (err != 0) return err;
+    content.clear();
+    char buf[4096];
+    while (content.size() < maxBytes) {
+        const size_t want = std::min(sizeof buf, maxBytes - content.size());
+        const ssize_t n = ::read(fd.get(), buf, want);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        content.append(buf, static_cast<size_t>(n));
+    }
+    return 0;
+}
+
+int removePath(const char* path) {
+    if (!path) return EFAULT;
+    return std::remove(path) == 0 ? 0 : errno;
+}
+
+int modificationTime(const char* path, time_t& seconds) {
+    if (!path) return EFAULT;
+    struct stat st;
+    if (::stat(path, &st) != 0) return errno;
+    seconds = st.st_mtime;  // whole seconds: the sub-second part is dropped
+    return 0;
+}
+
+std::string errorText(int err) {
+    char buf[256];
+    // GNU strerror_r: thread-safe, returns the text (maybe not in buf).
+    return std::string(::strerror_r(err, buf, sizeof buf));
+}
+
+bool parentIsDirectory(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    // No "/" at all, or only a leading one: the parent is the empty text,
+    // which is never a directory. Kept on purpose: such a lock file has no
+    // usable directory, and failures on it report a missing directory.
+    if (slash == std::string::npos || slash == 0) return false;
+    return ovIsDirectory(path.substr(0, slash).c_str());
+}
+
+}  // namespace detail
