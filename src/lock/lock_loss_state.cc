@@ -1,0 +1,88 @@
+#include "lock/lock_loss_state.h"
+
+#include <stdint.h>
+#include <string.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include "fs/refresh_counter.h"
+
+namespace detail {
+
+constexpr std::chrono::seconds LockLossState::kMaxSilence;
+
+LockLossState::LockLossState(const std::string& token)
+    : reason_(ovLockNotLost), lastSuccess_(Clock::now().time_since_epoch().count()), token_(token) {}
+
+void LockLossState::markLost(ovLockLossReason why) {
+    int none = ovLockNotLost;
+    reason_.compare_exchange_strong(none, why);
+}
+
+ovLockLossReason LockLossState::reason() const { return static_cast<ovLockLossReason>(reason_.load()); }
+
+ovLockLossReason LockLossState::evaluate() {
+    const Clock::duration silence = Clock::now().time_since_epoch() - Clock::duration(lastSuccess_.load());
+    if (silence > kMaxSilence) markLost(ovLockRefreshFailing);
+    return reason();
+}
+
+std::string LockLossState::nextContent() const {
+    // The counter first, as every refresh writes it: whoever watches the
+    // content for a live holder sees it change.
+    const uint32_t value = nextRefreshValue();
+    std::string content(reinterpret_cast<const char*>(&value), sizeof value);
+    return content + token_;
+}
+
+std::string LockLossState::expectedContent() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return expected_;
+}
+
+void LockLossState::refreshSucceeded(const std::string& written) {
+    lastSuccess_.store(Clock::now().time_since_epoch().count());
+    std::lock_guard<std::mutex> guard(mutex_);
+    expected_ = written;
+}
+
+void LockLossState::setCallback(const ovLockLostCallback& callback) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    callback_ = callback;
+}
+
+void LockLossState::reportIfDue() {
+    const ovLockLossReason why = reason();
+    if (why == ovLockNotLost) return;
+    ovLockLostCallback call;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (reported_ || !callback_) return;
+        reported_ = true;
+        call = callback_;
+    }
+    // Outside the mutex: the callback may query the lock or replace itself.
+    try {
+        call(why);
+    } catch (...) {
+        // Documented: a callback's exception is dropped, the refresh goes on.
+    }
+}
+
+std::string makeOwnerToken() {
+    const uint32_t pid = static_cast<uint32_t>(::getpid());
+    unsigned char random[8];
+    ssize_t got = ::getrandom(random, sizeof random, GRND_NONBLOCK);
+    if (got != static_cast<ssize_t>(sizeof random)) {
+        // No entropy yet (early boot): the clock and an address still make
+        // two holders of one process differ.
+        const uint64_t fallback = static_cast<uint64_t>(LockLossState::Clock::now().time_since_epoch().count()) ^
+                                  reinterpret_cast<uintptr_t>(&got);
+        ::memcpy(random, &fallback, sizeof random);
+    }
+    std::string token(reinterpret_cast<const char*>(&pid), sizeof pid);
+    token.append(reinterpret_cast<const char*>(random), sizeof random);
+    return token;
+}
+
+}  // namespace detail

@@ -1,0 +1,90 @@
+// The second opinion on a stale verdict: watching a lock file's content.
+
+#include <atomic>
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "lock/stale_confirmation.h"
+#include "lock_test_util.h"
+#include "test_support.h"
+
+namespace pt = boost::posix_time;
+using namespace ovtest;
+using detail::StaleCheck;
+
+namespace {
+
+// Read n (from 0) returns script(n): -1 gone, -2 unreadable, else the content.
+struct ScriptedFS : ovNetworkFS {
+    using ovAbstractFS::refreshLockFile;
+    std::function<int(int)> script;
+    std::atomic<int> reads{0};
+    bool readLockFileContent(const std::string&, std::string& content) override {
+        const int v = script(reads++);
+        if (v == -2) throw ovFileAccessError("File system error occurred: injected");
+        content = std::to_string(v);
+        return v >= 0;
+    }
+};
+
+int counting(int n) { return n; }  // looks live if read twice
+int constant(int) { return 7; }
+
+}  // namespace
+
+// Sightings are remembered per name, so each row watches its own.
+TEST(StaleConfirmation, VerdictsFromWatchedContent) {
+    const struct {
+        const char* name;
+        std::function<int(int)> script;
+        double room;  // seconds to the deadline, unless special is set
+        pt::special_values special;
+        StaleCheck expected;
+        int minReads, maxReads;
+        double minSeconds;
+    } cases[] = {
+        {"changes", [](int n) { return n < 5 ? 7 : 8; }, 10, pt::not_special, StaleCheck::Live, 6, 6, 0},
+        {"vanishes", [](int n) { return n < 3 ? 7 : -1; }, 10, pt::not_special, StaleCheck::Gone, 4, 4, 0},
+        {"absent", [](int) { return -1; }, 10, pt::not_special, StaleCheck::Gone, 1, 1, 0},
+        {"unreadable", [](int n) { return n == 0 ? 7 : -2; }, 10, pt::not_special, StaleCheck::Stale, 2, 2, 0},
+        // Unchanged content is watched for about three one-second refreshes.
+        {"unchanged", constant, 30, pt::not_special, StaleCheck::Stale, 10, 40, 3},
+        {"no-deadline", constant, 0, pt::pos_infin, StaleCheck::Stale, 10, 40, 3},
+        {"cut-short", constant, 1.5, pt::not_special, StaleCheck::Stale, 2, 40, 0},
+        // No room to watch: act on the verdict without reading.
+        {"no-room", counting, 1.0, pt::not_special, StaleCheck::Stale, 0, 0, 0},
+        {"past", counting, -5, pt::not_special, StaleCheck::Stale, 0, 0, 0},
+        {"not-a-time", counting, 0, pt::not_a_date_time, StaleCheck::Stale, 0, 0, 0},
+        {"neg-infinity", counting, 0, pt::neg_infin, StaleCheck::Stale, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        ScriptedFS fs;
+        fs.script = c.script;
+        const bool special = c.special != pt::not_special;
+        const double start = monotonicSeconds();
+        EXPECT_EQ(detail::confirmStale(fs, c.name, special ? pt::ptime(c.special) : inSeconds(c.room)),
+                  c.expected) << c.name;
+        const double took = monotonicSeconds() - start;
+        EXPECT_GE(took, c.minSeconds) << c.name;
+        // Bounded by the deadline, and by a dozen seconds so a dead holder goes promptly.
+        EXPECT_LT(took, std::min(special ? 12.0 : std::max(c.room, 0.0), 12.0) + 3.0) << c.name;
+        EXPECT_GE(fs.reads, c.minReads) << c.name;
+        EXPECT_LE(fs.reads, c.maxReads) << c.name;
+    }
+}
+
+// A waiter whose long wait runs out must not act on an unwatched verdict
+// against a holder it saw alive moments ago.
+TEST(StaleConfirmation, HolderSeenAliveRecentlyStaysLiveWithoutRoom) {
+    ScriptedFS fs;
+    fs.script = counting;
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(10)), StaleCheck::Live);
+    fs.reads = 0;
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(0.5)), StaleCheck::Live);
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(-1)), StaleCheck::Live);
+    EXPECT_EQ(fs.reads, 0);
+    fs.script = constant;
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(1.5)), StaleCheck::Live) << "watch cut short";
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(20)), StaleCheck::Stale) << "full watch";
+}
