@@ -1,0 +1,388 @@
+// The exclusive lock's protocol. A contender takes the first free level of a
+// waiting line of files (queue), then climbs: each exclusive create of the
+// level below moves it one place forward and frees its old place. Level 0 is
+// the lock. Only exclusive create, refresh, removal and the staleness test
+// are used, so no server is needed; a file that stops being refreshed is
+// taken over by the contender directly above it.
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/thread.hpp>
+
+#include "common/only_throws.h"
+#include "lock/stale_confirmation.h"
+#include "orvane/exclusive_lock.h"
+#include "orvane/path.h"
+
+namespace pt = boost::posix_time;
+
+namespace {
+
+// Every sleep of queueing and climbing. One create attempt and at most one
+// file-time query per pass keep the load on the file server small.
+const pt::time_duration kPollingCycle = pt::microseconds(5000);
+const int kHighestQueueLevel = 1023;
+// One's own queue file is refreshed at most once a second, so that its place
+// never looks stale to the contender above.
+const long kOwnFileRefreshMicros = 999999;
+const long kStaleAgeSeconds = 30;
+const pt::time_duration kHolderRefresh = pt::seconds(1);
+// The tidy step after a release: room for one full content watch per
+// candidate (about 3.5 s), and a short removal retry.
+const pt::time_duration kTidyJudgeRoom = pt::seconds(4);
+const pt::time_duration kTidyRemoveRoom = pt::seconds(1);
+
+pt::ptime localNow() { return pt::microsec_clock::local_time(); }
+
+// Sleeping until an absolute universal time makes every wait an interruption
+// point of the thread library.
+void sleepPollingCycle() {
+    boost::this_thread::sleep(pt::microsec_clock::universal_time() + kPollingCycle);
+}
+
+// not-a-date-time has no meaning as a limit; it is taken as "do not wait".
+pt::time_duration sanitize(const pt::time_duration& timeout) {
+    return timeout.is_not_a_date_time() ? pt::time_duration(0, 0, 0, 0) : timeout;
+}
+
+// Serialises the acquire and release calls of one object by its busy flag.
+// The mutex is held only around the flag, never during file work, so a call
+// waiting here does not block another one's release for longer than that
+// call's own file work.
+class BusyScope {
+public:
+    BusyScope(boost::mutex& mutex, boost::condition_variable& condition, bool& busy)
+        : mutex_(mutex), condition_(condition), busy_(busy) {}
+    BusyScope(const BusyScope&) = delete;
+    BusyScope& operator=(const BusyScope&) = delete;
+
+    // False when the flag stayed set until the timeout; nothing else happens then.
+    bool enter(const pt::time_duration& timeout) {
+        const pt::ptime wakeUp = pt::microsec_clock::universal_time() + timeout;
+        boost::unique_lock<boost::mutex> lock(mutex_);
+        while (busy_) {
+            if (timeout.is_pos_infinity()) {
+                condition_.wait(lock);
+            } else if (!condition_.timed_wait(lock, wakeUp)) {
+                return false;
+            }
+        }
+        busy_ = true;
+        entered_ = true;
+        return true;
+    }
+
+    // Clears the flag whatever the call's outcome, exceptions included.
+    ~BusyScope() {
+        if (!entered_) return;
+        {
+            boost::lock_guard<boost::mutex> lock(mutex_);
+            busy_ = false;
+        }
+        condition_.notify_one();
+    }
+
+private:
+    boost::mutex& mutex_;
+    boost::condition_variable& condition_;
+    bool& busy_;
+    bool entered_ = false;
+};
+
+// The level of a level-file path found by listing the directory, or -1 when
+// the name is not exactly the prefix and a plain decimal level from 2 to the
+// highest queue level (no sign, no leading zero, nothing after it). Anything
+// else there is not ours to judge.
+int tidyCandidateLevel(const std::string& path, const std::string& prefix) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (name.compare(0, prefix.size(), prefix) != 0) return -1;
+    const std::string digits = name.substr(prefix.size());
+    if (digits.empty() || digits.size() > 4 || digits[0] == '0') return -1;
+    int level = 0;
+    for (char c : digits) {
+        if (c < '0' || c > '9') return -1;
+        level = level * 10 + (c - '0');
+    }
+    return level >= 2 && level <= kHighestQueueLevel ? level : -1;
+}
+
+// A waiter killed while queued leaves its file behind. Normally the one above
+// it takes it over after 30 s; but a file with nobody behind it is never
+// looked at again (newcomers take level 0 directly), so it would stay for ever.
+// The holder that lets go is the one contender that knows the line in front
+// is empty, so it sweeps the files above then.
+//
+// Only when level 1 is missing: a waiter there will move down and handle the
+// line itself, and the ordinary hand-over then costs this one existence test.
+// A missing level 1 with files above is not proof of death either (the waiter
+// at 1 may just have moved to 0, or one at 2 is between its steps), so every
+// candidate goes through the same staleness judge and content watch as a
+// take-over: a live waiter refreshes its file every second and is never
+// removed. The release has already happened, so nothing here may undo or
+// fail it: errors become warnings, an interruption ends the sweep.
+void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& staleTest,
+                      ovAbstractFS& fs) {
+    std::string current = lock.getLockFileName(1);
+    try {
+        if (lock.lockFileExists(1)) return;
+
+        const std::string level0 = lock.getLockFileName(0);
+        const std::string dirPrefix = level0.substr(0, level0.size() - 1);
+        const std::string namePrefix = dirPrefix.substr(dirPrefix.rfind('/') + 1);
+        std::vector<int> levels;
+        const auto keepLevel = [&](const char* path) {
+            const int n = tidyCandidateLevel(path, namePrefix);
+            if (n > 0) levels.push_back(n);
+        };
+        const ovStringProcedureAdapter<decltype(keepLevel)> collect(keepLevel);
+        const ovIgnoreString ignore;
+        current = dirPrefix + "*";
+        fs.findMatchingFilesAndDirs(current.c_str(), collect, ignore, 0, false);
+        std::sort(levels.begin(), levels.end());
+
+        for (int n : levels) {
+            current = lock.getLockFileName(n);
+            try {
+                if (!staleTest(current.c_str(), kStaleAgeSeconds, localNow() + kTidyJudgeRoom))
+                    continue;
+            } catch (const ovFileNotFoundError&) {
+                continue;  // its waiter moved on or gave up meanwhile
+            }
+            // A fresh deadline after the judge (whose first use calibrates):
+            // a watch cut short could pass a live file on a caching client as
+            // stale. Live and Gone leave the file to its owner.
+            if (detail::confirmStale(fs, current, localNow() + kTidyJudgeRoom) !=
+                detail::StaleCheck::Stale)
+                continue;
+            stale_log << "FS_LOCK: removing stale lock " << current << std::endl;
+            // Site 390: a file left by a dead waiter that the releasing
+            // holder could not remove.
+            if (lock.removeLockFileWithTenacity(n, localNow() + kTidyRemoveRoom))
+                stale_log << "FS_LOCK: removed stale lock " << current << std::endl;
+            else
+                warning << "FS_LOCK: failed to remove " << current << "(390)" << std::endl;
+        }
+    } catch (const boost::thread_interrupted&) {
+        // Stop sweeping; the rest is left for a later release.
+    } catch (...) {
+        // Missing directory, unreadable file, anything: the sweep is a
+        // courtesy, so it is reported, never passed on.
+        warning << "FS_LOCK: failed to remove " << current << "(390)" << std::endl;
+    }
+}
+
+}  // namespace
+
+int ovDirectoryExclusiveLock::queue(const pt::ptime& deadline) {
+    verbose << "Queuing for lock acquire in directory " << directory << std::endl;
+    for (int n = 0;; ++n) {
+        if (lockFileExists(n)) {
+            verbose << "Lock file exists at level " << n << ".  Going to next level..."
+                    << std::endl;
+        } else {
+            // Level 0 is tried whatever the deadline; a place further back is
+            // worth taking only if there is time to wait in it.
+            if (n > 0 && deadline < localNow() + kPollingCycle) return -1;
+            verbose << "No lock found at level " << n << ".  Sleeping for one polling cycle..."
+                    << std::endl;
+            sleepPollingCycle();
+            verbose << "Attempting to create queue file..." << std::endl;
+            if (createLockFileExclusive(n)) {
+                verbose << "queue file created at level " << n << std::endl;
+                return n;
+            }
+            // Somebody else took it meanwhile: look further back.
+        }
+        if (n == kHighestQueueLevel) return -1;
+    }
+}
+
+bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool noRefresh) {
+    return detail::onlyThrows<boost::thread_interrupted, ovFileAccessError, ovNoSuchDirectory,
+                              ovPermissionDenied>([&] {
+        const pt::time_duration timeout = sanitize(timeout_);
+        const pt::ptime deadline = localNow() + timeout;
+        BusyScope scope(mutex, condition, busy);
+        if (!scope.enter(timeout)) return false;
+
+        // Nesting is per object: any thread of the process shares the hold.
+        if (holdCount > 0) {
+            ++holdCount;
+            return true;
+        }
+
+        int L = queue(deadline);
+
+        if (L > 0 && localNow() < deadline) {
+            pt::ptime lastTouch = localNow();
+            sleepPollingCycle();
+            try {
+                while (L > 0) {
+                    if ((localNow() - lastTouch).total_microseconds() > kOwnFileRefreshMicros) {
+                        (void)touchLockFile(L, deadline);
+                        lastTouch = localNow();
+                    }
+                    verbose << ownerName << ": Trying to acquire level " << (L - 1) << std::endl;
+                    if (createLockFileExclusive(L - 1)) {
+                        lastTouch = localNow();
+                        verbose << ownerName << ": Success! removing level " << L << std::endl;
+                        if (!removeLockFileWithTenacity(L, deadline))
+                            warning << "FS_LOCK: failed to remove " << getLockFileName(L)
+                                    << "(310)" << std::endl;
+                        --L;
+                        continue;
+                    }
+
+                    verbose << ownerName
+                            << ": Could not acquire; trying to detect stale lock at level "
+                            << (L - 1) << std::endl;
+                    const std::string below = getLockFileName(L - 1);
+                    bool stale;
+                    try {
+                        stale = staleTest(below.c_str(), kStaleAgeSeconds, deadline);
+                    } catch (const ovFileNotFoundError&) {
+                        // Released between our create and the query: try again at once.
+                        if (localNow() < deadline) continue;
+                        break;
+                    }
+                    if (stale) {
+                        // A client that caches attributes sees a live holder's
+                        // time tens of seconds late; its content still changes
+                        // with each refresh. Watch it before acting.
+                        const detail::StaleCheck check = detail::confirmStale(*fs, below, deadline);
+                        if (check == detail::StaleCheck::Gone) {
+                            if (localNow() < deadline) continue;
+                            break;
+                        }
+                        if (check == detail::StaleCheck::Live) stale = false;
+                    }
+                    if (!stale) {
+                        if (deadline <= localNow()) break;
+                        verbose << ownerName << ": Sleeping" << std::endl;
+                        sleepPollingCycle();
+                        continue;
+                    }
+
+                    stale_log << "FS_LOCK: stale lock detected: " << below << std::endl;
+                    // Touching takes the stale file over: freshly stamped, it
+                    // now counts as this contender's own.
+                    if (touchLockFile(L - 1, deadline)) {
+                        lastTouch = localNow();
+                        if (!removeLockFileWithTenacity(L, deadline))
+                            warning << "FS_LOCK: failed to remove " << getLockFileName(L)
+                                    << "(343)" << std::endl;
+                        --L;
+                        continue;
+                    }
+                    stale_log << "FS_LOCK: removing stale lock " << below << std::endl;
+                    if (removeLockFileWithTenacity(L - 1, deadline)) {
+                        stale_log << "FS_LOCK: removed stale lock " << below << std::endl;
+                        continue;  // the level below is free: try it at once
+                    }
+                    // The message names our own level, not the stale one; kept
+                    // as the established wording of this site.
+                    warning << "FS_LOCK: failed to remove " << getLockFileName(L) << "(334)"
+                            << std::endl;
+                    // Neither touchable nor removable (say a directory in its
+                    // place): without this the loop would spin at full CPU and
+                    // ignore the deadline.
+                    if (deadline <= localNow()) break;
+                    sleepPollingCycle();
+                }
+            } catch (const ovFileBasedLockError& e) {
+                // Any file error while climbing gives up our place and is
+                // reported as a plain lock error. That type is outside the
+                // admitted list, so the process ends: a contender that cannot
+                // judge the line must not guess. Deliberate.
+                try {
+                    (void)removeLockFileWithTenacity(L, deadline);
+                } catch (...) {
+                }
+                throw ovFileBasedLockError(e.what());
+            }
+        }
+
+        if (L == 0) {
+            // Errors while making the lock file pass out unchanged.
+            boost::shared_ptr<ovLockFile> held(
+                noRefresh ? new ovLockFile(getLockFileName(0), ovLockFile::NO_REFRESH, fs)
+                          : new ovLockFile(getLockFileName(0), kHolderRefresh, fs));
+            // Judged before it is stored, so that an error here leaves the
+            // object not held and the file is removed with `held`.
+            if (*held) {
+                {
+                    // Under the mutex: isLost() and setLostCallback() read
+                    // lockFile without entering the busy flag.
+                    boost::lock_guard<boost::mutex> guard(mutex);
+                    if (lostCallback) held->setLostCallback(lostCallback);
+                    lockFile = held;
+                }
+                holdCount = 1;
+                return true;
+            }
+            held.reset();  // removes level 0 again
+        }
+
+        // Give up our place. With L = -1 from a failed queue this asks for a
+        // name that never exists, and warns about it; harmless and kept.
+        if (!removeLockFileWithTenacity(L, deadline))
+            warning << "FS_LOCK: failed to remove " << getLockFileName(L) << "(380)" << std::endl;
+        return false;
+    });
+}
+
+bool ovDirectoryExclusiveLock::tryAcquire(bool noRefresh) {
+    return acquire(pt::time_duration(0, 0, 0, 0), noRefresh);
+}
+
+bool ovDirectoryExclusiveLock::acquire(bool noRefresh) {
+    return acquire(pt::time_duration(pt::pos_infin), noRefresh);
+}
+
+bool ovDirectoryExclusiveLock::release(const pt::time_duration& timeout) {
+    return detail::onlyThrows<ovNoSuchDirectory>([&] {
+        BusyScope scope(mutex, condition, busy);
+        if (!scope.enter(sanitize(timeout))) return false;
+        if (holdCount == 0) return false;
+        if (holdCount == 1) {
+            holdCount = 0;
+            boost::shared_ptr<ovLockFile> last;
+            {
+                boost::lock_guard<boost::mutex> guard(mutex);
+                last.swap(lockFile);
+            }
+            // The last reference: stops the refresh and removes level 0, so
+            // the next in line gets it within one polling cycle (unless it was
+            // lost to another holder: then their file stays).
+            last.reset();
+            tidyAfterRelease(*this, staleTest, *fs);
+            return true;
+        }
+        --holdCount;
+        return true;
+    });
+}
+
+bool ovDirectoryExclusiveLock::release() { return release(pt::time_duration(pt::pos_infin)); }
+
+bool ovDirectoryExclusiveLock::isLost() const { return getLossReason() != ovLockNotLost; }
+
+ovLockLossReason ovDirectoryExclusiveLock::getLossReason() const {
+    boost::shared_ptr<ovLockFile> held;
+    {
+        boost::lock_guard<boost::mutex> guard(mutex);
+        held = lockFile;
+    }
+    return held ? held->getLossReason() : ovLockNotLost;
+}
+
+void ovDirectoryExclusiveLock::setLostCallback(const ovLockLostCallback& callback) {
+    boost::lock_guard<boost::mutex> guard(mutex);
+    lostCallback = callback;
+    if (lockFile) lockFile->setLostCallback(callback);
+}
