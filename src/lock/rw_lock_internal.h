@@ -1,0 +1,143 @@
+#ifndef ORVANE_LOCK_RW_LOCK_INTERNAL_H
+#define ORVANE_LOCK_RW_LOCK_INTERNAL_H
+
+// Pieces shared by the reader and the writer: the closed exception list of
+// their public operations, the in-process serialisation, one check-and-create
+// pass under the directory's exclusive lock, and the polling sleep.
+
+#include <string>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/thread/locks.hpp>
+#include <boost/thread/thread.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "common/only_throws.h"
+#include "fs/error_messages.h"
+#include "orvane/exclusive_lock.h"
+#include "orvane/fs.h"
+#include "orvane/lock_file.h"
+#include "orvane/path_string.h"
+#include "orvane/rw_lock.h"
+
+namespace detail {
+
+// The only exceptions a reader's or writer's public operation lets out.
+template <class F>
+decltype(auto) rwLockOnlyThrows(F&& body) {
+    return onlyThrows<boost::thread_interrupted, ovFileAccessError, ovPermissionDenied,
+                      ovNoSuchDirectory>(std::forward<F>(body));
+}
+
+inline boost::posix_time::ptime localNow() {
+    return boost::posix_time::microsec_clock::local_time();
+}
+
+// One polling cycle; an interruption point like every wait of the library.
+inline void sleepOnePollingCycle() {
+    boost::this_thread::sleep(boost::posix_time::microsec_clock::universal_time() +
+                              boost::posix_time::microseconds(5000));
+}
+
+// `dir` with `name` appended as one more component; an empty name still
+// yields the directory with a trailing separator.
+inline std::string joinLockName(const ovPathString& dir, const std::string& name) {
+    ovPathString path(dir);
+    path.append(ovPathString::bundle_type(name.c_str(), static_cast<unsigned long>(name.size())));
+    return path.str();
+}
+
+// Readers and writers find each other's files only through pattern matching,
+// which matches nothing for a pattern over 1024 bytes or with a "*" before
+// its last part. In such a directory each side would exclude nobody, so the
+// lock refuses it.
+inline void requireMatchableLockNames(const ovPathString& dir) {
+    const std::string::size_type longestPattern = 1024;
+    const std::string readPattern = joinLockName(dir, READ_LOCK_BASE) + "*";
+    const std::string writeLockPath = joinLockName(dir, WRITE_LOCK_BASE);
+    const char* problem = 0;
+    if (readPattern.size() > longestPattern || writeLockPath.size() > longestPattern)
+        problem = "Directory name too long to find lock files in: ";
+    else if (dir.str().find('*') != std::string::npos)
+        problem = "Directory name with '*' cannot be searched for lock files: ";
+    if (problem) throw ovFileAccessError(std::string(kFileAccessPrefix) + problem + dir.str());
+}
+
+// Wraps a lock file this process has just created exclusively in a held
+// ovLockFile (refreshed every second unless noRefresh). Null when the lock
+// file does not test true. If wrapping throws, the file is removed at once:
+// nothing would refresh or remove it, and it would block others until stale.
+inline boost::shared_ptr<ovLockFile> holdCreatedFile(const std::string& name, bool noRefresh,
+                                                     const boost::shared_ptr<ovAbstractFS>& fs) {
+    boost::shared_ptr<ovLockFile> file;
+    try {
+        if (noRefresh) {
+            file.reset(new ovLockFile(name, ovLockFile::NO_REFRESH, fs));
+        } else {
+            file.reset(new ovLockFile(name, boost::posix_time::seconds(1), fs));
+        }
+    } catch (...) {
+        try {
+            fs->removeFile(name, localNow() + boost::posix_time::seconds(1));
+        } catch (...) {
+        }
+        throw;
+    }
+    if (!*file) file.reset();
+    return file;
+}
+
+// Holds a handle's timed mutex, taken with the absolute limit universal now
+// + timeout (no limit for an infinite timeout), and gives it back on every
+// way out.
+class HandleMutexGuard {
+public:
+    HandleMutexGuard(boost::timed_mutex& m, const boost::posix_time::time_duration& timeout)
+        : lock_(m, boost::defer_lock) {
+        if (timeout.is_pos_infinity()) {
+            lock_.lock();
+        } else if (timeout.is_special()) {
+            // not-a-date-time or minus infinity: no time at all
+            lock_.try_lock();
+        } else {
+            lock_.timed_lock(boost::posix_time::microsec_clock::universal_time() + timeout);
+        }
+    }
+    bool owns() const { return lock_.owns_lock(); }
+
+private:
+    boost::unique_lock<boost::timed_mutex> lock_;
+};
+
+// One check-and-create pass: the directory's exclusive lock is asked for with
+// the time remaining before the deadline and is given back when the pass ends,
+// however it ends.
+class ExclusivePass {
+public:
+    ExclusivePass(ovDirectoryExclusiveLock& lock, const boost::posix_time::ptime& deadline)
+        : lock_(lock), held_(lock.acquire(deadline - localNow(), false)) {}
+    ~ExclusivePass() {
+        if (!held_) return;
+        try {
+            lock_.release();
+        } catch (...) {
+            // Only reached while another exception is leaving the pass: that
+            // one is the one to report.
+        }
+    }
+    void release() {
+        if (!held_) return;
+        held_ = false;
+        lock_.release();
+    }
+
+private:
+    ExclusivePass(const ExclusivePass&);
+    ExclusivePass& operator=(const ExclusivePass&);
+    ovDirectoryExclusiveLock& lock_;
+    bool held_;
+};
+
+}  // namespace detail
+
+#endif

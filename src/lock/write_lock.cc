@@ -1,0 +1,225 @@
+// The writer's side of the directory read/write lock. A writer may create
+// ".deploy_write_lock" only while no read-lock file and no other write-lock
+// file exists; it clears stale ones first and does all of it under the
+// directory's exclusive lock. A pass that did not get the exclusive lock in
+// time still tests and creates, so the write-lock file is created exclusively
+// and the writer looks for readers once more after it exists (see acquire).
+// Downgrade creates the writer's read-lock file before its write-lock file
+// goes, so no other writer fits in between.
+
+#include <stdint.h>
+
+#include <memory>
+
+#include <boost/bind/bind.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "lock/held_lock_file.h"
+#include "lock/rw_lock_internal.h"
+#include "lock/stale_confirmation.h"
+#include "orvane/rw_lock.h"
+
+using boost::posix_time::ptime;
+using boost::posix_time::time_duration;
+
+struct ovDirectoryReadWriteLock::WriteLock::Impl {
+    Impl(const ovPathString& dir, const boost::shared_ptr<ovAbstractFS>& fs_)
+        : exclusive(dir.str(), std::string(), fs_),
+          count(0),
+          directory(dir),
+          staleTest(dir, fs_),
+          fs(fs_) {}
+
+    bool acquire(const time_duration& timeout, bool noRefresh);
+    bool release(const time_duration& timeout);
+    bool isAcquired();
+    ReadLock downgrade(const time_duration& timeout);
+    enum Outcome { Held, Busy, Failed };
+    Outcome createOwnFile(const std::string& writeLockPath, const std::string& readPattern, bool noRefresh);
+    void removeLockFileIfStale(const char* name, int staleArg, const ptime& deadline);
+
+    boost::timed_mutex mutex;
+    ovDirectoryExclusiveLock exclusive;
+    int32_t count;  // 0 or 1: a second acquire on a held handle fails
+    ovPathString directory;
+    detail::HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
+    ovLockFileIsStale staleTest;
+    boost::shared_ptr<ovAbstractFS> fs;
+};
+
+void ovDirectoryReadWriteLock::WriteLock::Impl::removeLockFileIfStale(const char* name,
+                                                                     int staleArg,
+                                                                     const ptime& deadline) {
+    detail::rwLockOnlyThrows([&] {
+        bool stale;
+        try {
+            stale = staleTest(name, staleArg, deadline);
+        } catch (const ovFileNotFoundError&) {
+            // Readers release without the exclusive lock: the file went
+            // between the directory listing and this look. Nothing to remove.
+            return;
+        }
+        if (!stale) return;
+        // A client that caches attributes may see a live holder's file as
+        // old; only content that stayed the same while watched confirms it.
+        if (detail::confirmStale(*fs, name, deadline) != detail::StaleCheck::Stale) return;
+        fs->removeFile(std::string(name), deadline);
+    });
+}
+
+// Creates and holds the write-lock file once the pass found none. A pass that
+// ran without the exclusive lock can meet another pass here, so:
+// - the file is created exclusively: of two writers only one gets it;
+// - once it exists, readers are looked for again. A reader that tested before
+//   our file came may have created its own since; it looks for us after
+//   creating, as we look for it, so at least one of the two sees the other.
+//   We give way: our file goes.
+// Busy when another holder came first (the pass then waits as for any live
+// holder); Failed when our own lock file did not test true.
+ovDirectoryReadWriteLock::WriteLock::Impl::Outcome ovDirectoryReadWriteLock::WriteLock::Impl::createOwnFile(
+    const std::string& writeLockPath, const std::string& readPattern, bool noRefresh) {
+    if (!fs->createFile(writeLockPath.c_str())) return Busy;
+    lockFile.reset(detail::holdCreatedFile(writeLockPath, noRefresh, fs));
+    if (!lockFile) return Failed;
+    if (!fs->matchingFileOrDirExists(readPattern.c_str())) return Held;
+    lockFile.reset();
+    return Busy;
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& timeout,
+                                                        bool noRefresh) {
+    const ptime deadline = detail::localNow() + timeout - boost::posix_time::microseconds(5000);
+    detail::HandleMutexGuard guard(mutex, timeout);
+    if (!guard.owns()) return false;
+
+    // Every matched lock file goes through the stale test on every pass.
+    using namespace boost::placeholders;
+    const std::unique_ptr<ovStringProcedure> removeIfStale(ovNewStringProcedure(
+        boost::bind(&Impl::removeLockFileIfStale, this, _1, 30, deadline)));
+    const ovIgnoreString ignore;
+
+    const std::string readPattern = detail::joinLockName(directory, READ_LOCK_BASE) + "*";
+    const std::string writeLockPath = detail::joinLockName(directory, WRITE_LOCK_BASE);
+    detail::requireMatchableLockNames(directory);
+    if (count != 0) return false;
+
+    bool acquired = false;
+    for (;;) {
+        // As for the reader, the exclusive lock's result is ignored by design:
+        // without it (the deadline passed while another contender was inside
+        // its pass) this pass still tests and creates; createOwnFile keeps
+        // two such passes from both winning.
+        detail::ExclusivePass pass(exclusive, deadline);
+        fs->findMatchingFilesAndDirs(readPattern.c_str(), *removeIfStale, ignore, 0, false);
+        fs->findMatchingFilesAndDirs(writeLockPath.c_str(), *removeIfStale, ignore, 0, false);
+        if (!fs->matchingFileOrDirExists(readPattern.c_str()) &&
+            !fs->matchingFileOrDirExists(writeLockPath.c_str())) {
+            const Outcome outcome = createOwnFile(writeLockPath, readPattern, noRefresh);
+            acquired = outcome == Held;
+            if (outcome != Busy) break;
+        }
+        if (detail::localNow() > deadline) break;
+        detail::sleepOnePollingCycle();
+    }
+    if (acquired) count = 1;
+    return acquired;
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::Impl::release(const time_duration& timeout) {
+    detail::HandleMutexGuard guard(mutex, timeout);
+    if (!guard.owns()) return false;
+    if (count == 0) return false;
+    count -= 1;
+    if (count == 0) lockFile.reset();
+    return true;
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::Impl::isAcquired() {
+    boost::unique_lock<boost::timed_mutex> lock(mutex);
+    return count > 0;
+}
+
+ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::Impl::downgrade(
+    const time_duration& timeout) {
+    detail::HandleMutexGuard guard(mutex, timeout);
+    if (!guard.owns() || count == 0) return ReadLock(directory, fs);
+
+    const std::pair<bool, std::string> created = createReadLock(directory, fs);
+    // No read-lock file: keep the write lock rather than be left with nothing.
+    if (!created.first) return ReadLock(directory, fs);
+    boost::shared_ptr<ovLockFile> readFile;
+    try {
+        readFile.reset(new ovLockFile(created.second, lockFile->getRefreshInterval(), fs));
+    } catch (...) {
+        try {
+            fs->removeFile(created.second, detail::localNow() + boost::posix_time::seconds(1));
+        } catch (...) {
+        }
+        throw;
+    }
+    ReadLock reader(readFile, fs);
+    // The holder registered for loss of this lock; the reader is the same hold.
+    const ovLockLostCallback callback = lockFile.callback();
+    if (callback) reader.setLostCallback(callback);
+    // Only now, with the read-lock file in place, does the write-lock file go.
+    lockFile.reset();
+    count = 0;
+    return reader;
+}
+
+// ---- The handle ------------------------------------------------------------
+
+ovDirectoryReadWriteLock::WriteLock::WriteLock(const ovPathString& dir,
+                                               const boost::shared_ptr<ovAbstractFS>& fs_)
+    : impl(new Impl(dir, fs_)), fs(fs_) {}
+
+ovDirectoryReadWriteLock::WriteLock::~WriteLock() {}
+
+bool ovDirectoryReadWriteLock::WriteLock::isAcquired() const {
+    return detail::rwLockOnlyThrows([&] { return impl->isAcquired(); });
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::acquire(const time_duration& timeout, bool noRefresh) {
+    return detail::rwLockOnlyThrows([&] { return impl->acquire(timeout, noRefresh); });
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::tryAcquire(bool noRefresh) {
+    return acquire(time_duration(0, 0, 0, 0), noRefresh);
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::acquire(bool noRefresh) {
+    return acquire(time_duration(boost::posix_time::pos_infin), noRefresh);
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::release(const time_duration& timeout) {
+    return detail::rwLockOnlyThrows([&] { return impl->release(timeout); });
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::release() {
+    return release(time_duration(boost::posix_time::pos_infin));
+}
+
+ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::downgrade(
+    const time_duration& timeout) {
+    return detail::rwLockOnlyThrows([&] { return impl->downgrade(timeout); });
+}
+
+ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::tryDowngrade() {
+    return downgrade(time_duration(0, 0, 0, 0));
+}
+
+ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::downgrade() {
+    return downgrade(time_duration(boost::posix_time::pos_infin));
+}
+
+bool ovDirectoryReadWriteLock::WriteLock::isLost() const { return getLossReason() != ovLockNotLost; }
+
+ovLockLossReason ovDirectoryReadWriteLock::WriteLock::getLossReason() const {
+    // Not under the handle's mutex: a loss callback may ask this while a
+    // release holds that mutex and joins the callback's thread.
+    return impl->lockFile.lossReason();
+}
+
+void ovDirectoryReadWriteLock::WriteLock::setLostCallback(const ovLockLostCallback& callback) {
+    impl->lockFile.setCallback(callback);
+}
