@@ -1,0 +1,106 @@
+// orvane-lock when the lock is lost while COMMAND runs, and `status` telling
+// holders that still refresh their files from silent ones.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+#include "tool_runner.h"
+
+using namespace tooltest;
+
+namespace {
+
+// A COMMAND that notes its start and a SIGTERM, and otherwise ends (status
+// 3, noted in `ended`) when `go` appears or after 60 s.
+std::vector<std::string> command(const std::string& work) {
+    const std::string script = "trap 'echo > " + work + "/term; exit 0' TERM; echo > " + work +
+                               "/started; i=0; while [ $i -lt 600 ] && [ ! -e " + work +
+                               "/go ]; do sleep 0.1; i=$((i+1)); done; echo > " + work + "/ended; exit 3";
+    return {"/bin/sh", "-c", script};
+}
+
+}  // namespace
+
+TEST(ToolLoss, LostLockIsReportedCommandHandledAndExitCodeDistinct) {
+    const struct {
+        const char* kind;
+        const char* file;
+        const char* onLost;  // null: the default
+        bool termSeen;
+        int commandEnd;  // after the loss: 0 by SIGTERM, -1 killed, 1 runs on until `go`
+    } cases[] = {
+        {"-q", ".deploy_lock.0", nullptr, true, 0},
+        {"-x", ".deploy_write_lock", "--on-lost=term", true, 0},
+        {"-s", "", "--on-lost=kill", false, -1},
+        {"-q", ".deploy_lock.0", "--on-lost=ignore", false, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.kind) + " " + (c.onLost ? c.onLost : "default"));
+        ovtest::TempDir dir, work;
+        std::vector<std::string> args = {c.kind};
+        if (c.onLost) args.push_back(c.onLost);
+        args.push_back(dir.path());
+        for (const std::string& a : command(work.path())) args.push_back(a);
+        Running tool(args);
+        ASSERT_TRUE(waitUntil([&] { return exists(work.file("started")); }));
+        std::string file = c.file;
+        if (file.empty()) {  // the reader's numbered file
+            for (const std::string& n : listDir(dir.path()))
+                if (n.compare(0, 18, ".deploy_read_lock.") == 0) file = n;
+        }
+        ASSERT_FALSE(file.empty());
+        // Another holder took the lock over: its content is not ours any more.
+        ovtest::writeFile(dir.file(file), "another holder");
+        if (c.commandEnd == 1) {
+            // Ignored: COMMAND runs on, unsignalled, until it ends by itself.
+            usleep(2000 * 1000);  // the loss is found within about a second
+            EXPECT_FALSE(exists(work.file("ended"))) << "COMMAND was stopped";
+            EXPECT_FALSE(exists(work.file("term")));
+            ovtest::writeFile(work.file("go"));
+        }
+        const Outcome o = tool.wait(20);
+        EXPECT_EQ(75, o.status) << o.err;
+        EXPECT_NE(std::string::npos,
+                  o.err.find("orvane-lock: lock on " + dir.path() + " lost (rewritten by another holder)"))
+            << o.err;
+        EXPECT_EQ(c.termSeen, exists(work.file("term")));
+        EXPECT_EQ(c.commandEnd == 1, exists(work.file("ended")));
+        // The new holder's file is left as it is.
+        EXPECT_EQ("another holder", ovtest::readFile(dir.file(file)));
+    }
+}
+
+TEST(ToolLoss, OnLostTakesOnlyItsThreeWords) {
+    ovtest::TempDir dir;
+    const Outcome o = runTool({"--on-lost=stop", dir.path(), "true"});
+    EXPECT_EQ(64, o.status);
+    EXPECT_NE(std::string::npos, o.err.find("invalid --on-lost 'stop'")) << o.err;
+    EXPECT_EQ(0, runTool({"--on-lost=ignore", dir.path(), "true"}).status);
+}
+
+TEST(ToolLoss, StatusTellsARefreshingHolderFromASilentFile) {
+    ovtest::TempDir dir;
+    Running holder({"-q", dir.path(), "sleep", "60"});
+    ASSERT_TRUE(waitUntil([&] { return exists(dir.file(".deploy_lock.0")); }));
+    ovtest::writeFile(dir.file(".deploy_read_lock.9"), "left behind");  // nobody refreshes it
+
+    const Outcome o = runTool({"status", dir.path()});
+    ASSERT_EQ(0, o.status) << o.err;
+    auto row = [&](const std::string& name) {
+        const size_t at = o.out.find(name);
+        return at == std::string::npos ? std::string() : o.out.substr(at, o.out.find('\n', at) - at);
+    };
+    EXPECT_NE(std::string::npos, row(".deploy_lock.0").find(" refreshing")) << o.out;
+    EXPECT_NE(std::string::npos, row(".deploy_read_lock.9").find(" silent")) << o.out;
+
+    const Outcome j = runTool({"status", "--json", dir.path()});
+    EXPECT_NE(std::string::npos, j.out.find("\"live\", \"refreshing\": true}")) << j.out;
+    EXPECT_NE(std::string::npos, j.out.find("\"refreshing\": false}")) << j.out;
+    holder.signal(SIGTERM);
+    holder.wait(20);
+}

@@ -1,0 +1,46 @@
+#ifndef ORVANE_TESTS_TOOLS_TOOL_RUNNER_H
+#define ORVANE_TESTS_TOOLS_TOOL_RUNNER_H
+
+// Runs the orvane-lock binary as a real process with its output in files.
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace tooltest {
+
+struct Outcome {
+    int status;  // exit code, 128 + N for signal N, -1 on timeout
+    std::string out, err;
+};
+
+// A running tool process, as root or as uid 65534; its output goes to fresh
+// files until wait().
+class Running {
+public:
+    explicit Running(const std::vector<std::string>& args, bool unprivileged = false);
+    void signal(int sig) { child_.kill(sig); }
+    Outcome wait(double timeoutSeconds = 60);
+
+private:
+    ovtest::TempDir outDir_;
+    ovtest::Child child_;
+};
+
+inline Outcome runTool(const std::vector<std::string>& args, bool unprivileged = false) {
+    return Running(args, unprivileged).wait();
+}
+
+// Polls pred every 10 ms until it holds or timeoutSeconds pass.
+bool waitUntil(const std::function<bool()>& pred, double timeoutSeconds = 20);
+
+// Names in a directory, sorted, without "." and "..".
+std::vector<std::string> listDir(const std::string& dir);
+
+bool exists(const std::string& path);
+
+}  // namespace tooltest
+
+#endif
