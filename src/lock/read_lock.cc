@@ -6,11 +6,6 @@
 // lock in time still tests and creates, so a reader also looks for a writer
 // once more after its own file exists (see acquire).
 
-#include <stdint.h>
-
-#include <boost/thread/mutex.hpp>
-
-#include "lock/held_lock_file.h"
 #include "lock/rw_lock_internal.h"
 #include "lock/stale_confirmation.h"
 #include "orvane/rw_lock.h"
@@ -18,26 +13,10 @@
 using boost::posix_time::ptime;
 using boost::posix_time::time_duration;
 
-struct ovDirectoryReadWriteLock::ReadLock::Impl {
-    Impl(const ovPathString& dir, const boost::shared_ptr<ovAbstractFS>& fs_)
-        : exclusive(dir.str(), std::string(), fs_),
-          count(0),
-          directory(dir),
-          staleTest(dir, fs_),
-          fs(fs_) {}
-
-    Impl(const ovPathString& dir, const boost::shared_ptr<ovLockFile>& held,
-         const boost::shared_ptr<ovAbstractFS>& fs_)
-        : exclusive(dir.str(), std::string(), fs_),
-          count(1),
-          directory(dir),
-          lockFile(held),
-          staleTest(dir, fs_),
-          fs(fs_) {}
+struct ovDirectoryReadWriteLock::ReadLock::Impl : detail::RwHandleState {
+    using RwHandleState::RwHandleState;
 
     bool acquire(const time_duration& timeout, bool noRefresh);
-    bool release(const time_duration& timeout);
-    bool isAcquired();
 
     // What the pass found at the write-lock path. DeadWriterKept: a stale
     // file that could not be removed; the reader goes on beside it.
@@ -45,14 +24,6 @@ struct ovDirectoryReadWriteLock::ReadLock::Impl {
     WriterState judgeWriteLock(const std::string& writeLockPath, const ptime& deadline);
     bool createOwnFile(bool noRefresh);
     bool writerCameMeanwhile(const std::string& writeLockPath);
-
-    boost::timed_mutex mutex;
-    ovDirectoryExclusiveLock exclusive;
-    int32_t count;  // 0 or 1: a second acquire on a held handle fails
-    ovPathString directory;
-    detail::HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
-    ovLockFileIsStale staleTest;
-    boost::shared_ptr<ovAbstractFS> fs;
 };
 
 namespace {
@@ -150,21 +121,6 @@ bool ovDirectoryReadWriteLock::ReadLock::Impl::acquire(const time_duration& time
     return acquired;
 }
 
-bool ovDirectoryReadWriteLock::ReadLock::Impl::release(const time_duration& timeout) {
-    detail::HandleMutexGuard guard(mutex, timeout);
-    if (!guard.owns()) return false;
-    if (count == 0) return false;
-    count -= 1;
-    // The last reference to the lock file stops its refresh and removes it.
-    if (count == 0) lockFile.reset();
-    return true;
-}
-
-bool ovDirectoryReadWriteLock::ReadLock::Impl::isAcquired() {
-    boost::unique_lock<boost::timed_mutex> lock(mutex);
-    return count > 0;
-}
-
 // ---- The handle ------------------------------------------------------------
 
 ovDirectoryReadWriteLock::ReadLock::ReadLock(const ovPathString& dir,
@@ -173,7 +129,7 @@ ovDirectoryReadWriteLock::ReadLock::ReadLock(const ovPathString& dir,
 
 ovDirectoryReadWriteLock::ReadLock::ReadLock(const boost::shared_ptr<ovLockFile>& lockFile,
                                              const boost::shared_ptr<ovAbstractFS>& fs_)
-    : impl(new Impl(directoryOf(lockFile->getName()), lockFile, fs_)), fs(fs_) {}
+    : impl(new Impl(directoryOf(lockFile->getName()), fs_, lockFile)), fs(fs_) {}
 
 // Members go in reverse order: the file-system reference, then the Impl. No
 // release step runs; the held lock file's last owner removes it.

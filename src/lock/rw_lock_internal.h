@@ -5,6 +5,8 @@
 // their public operations, the in-process serialisation, one check-and-create
 // pass under the directory's exclusive lock, and the polling sleep.
 
+#include <stdint.h>
+
 #include <string>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -14,6 +16,7 @@
 
 #include "common/only_throws.h"
 #include "fs/error_messages.h"
+#include "lock/held_lock_file.h"
 #include "orvane/exclusive_lock.h"
 #include "orvane/fs.h"
 #include "orvane/lock_file.h"
@@ -107,6 +110,44 @@ public:
 
 private:
     boost::unique_lock<boost::timed_mutex> lock_;
+};
+
+// What a reader's and a writer's handle hold, in this order: the in-process
+// timed mutex, the directory's exclusive lock (empty owner name), the acquire
+// count (0 or 1: a second acquire on a held handle fails), the directory, the
+// held lock file, the staleness judge and the file system. Releasing and the
+// held-state query are the same for both.
+struct RwHandleState {
+    RwHandleState(const ovPathString& dir, const boost::shared_ptr<ovAbstractFS>& fs_,
+                  const boost::shared_ptr<ovLockFile>& held = boost::shared_ptr<ovLockFile>())
+        : exclusive(dir.str(), std::string(), fs_),
+          count(held ? 1 : 0),
+          directory(dir),
+          lockFile(held),
+          staleTest(dir, fs_),
+          fs(fs_) {}
+
+    bool release(const boost::posix_time::time_duration& timeout) {
+        HandleMutexGuard guard(mutex, timeout);
+        if (!guard.owns() || count == 0) return false;
+        count -= 1;
+        // The last reference to the lock file stops its refresh and removes it.
+        if (count == 0) lockFile.reset();
+        return true;
+    }
+
+    bool isAcquired() {
+        boost::unique_lock<boost::timed_mutex> lock(mutex);
+        return count > 0;
+    }
+
+    boost::timed_mutex mutex;
+    ovDirectoryExclusiveLock exclusive;
+    int32_t count;
+    ovPathString directory;
+    HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
+    ovLockFileIsStale staleTest;
+    boost::shared_ptr<ovAbstractFS> fs;
 };
 
 // One check-and-create pass: the directory's exclusive lock is asked for with

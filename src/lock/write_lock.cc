@@ -7,14 +7,10 @@
 // Downgrade creates the writer's read-lock file before its write-lock file
 // goes, so no other writer fits in between.
 
-#include <stdint.h>
-
 #include <memory>
 
 #include <boost/bind/bind.hpp>
-#include <boost/thread/mutex.hpp>
 
-#include "lock/held_lock_file.h"
 #include "lock/rw_lock_internal.h"
 #include "lock/stale_confirmation.h"
 #include "orvane/rw_lock.h"
@@ -22,29 +18,14 @@
 using boost::posix_time::ptime;
 using boost::posix_time::time_duration;
 
-struct ovDirectoryReadWriteLock::WriteLock::Impl {
-    Impl(const ovPathString& dir, const boost::shared_ptr<ovAbstractFS>& fs_)
-        : exclusive(dir.str(), std::string(), fs_),
-          count(0),
-          directory(dir),
-          staleTest(dir, fs_),
-          fs(fs_) {}
+struct ovDirectoryReadWriteLock::WriteLock::Impl : detail::RwHandleState {
+    using RwHandleState::RwHandleState;
 
     bool acquire(const time_duration& timeout, bool noRefresh);
-    bool release(const time_duration& timeout);
-    bool isAcquired();
     ReadLock downgrade(const time_duration& timeout);
+    void removeLockFileIfStale(const char* name, int staleArg, const ptime& deadline);
     enum Outcome { Held, Busy, Failed };
     Outcome createOwnFile(const std::string& writeLockPath, const std::string& readPattern, bool noRefresh);
-    void removeLockFileIfStale(const char* name, int staleArg, const ptime& deadline);
-
-    boost::timed_mutex mutex;
-    ovDirectoryExclusiveLock exclusive;
-    int32_t count;  // 0 or 1: a second acquire on a held handle fails
-    ovPathString directory;
-    detail::HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
-    ovLockFileIsStale staleTest;
-    boost::shared_ptr<ovAbstractFS> fs;
 };
 
 void ovDirectoryReadWriteLock::WriteLock::Impl::removeLockFileIfStale(const char* name,
@@ -123,20 +104,6 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
     }
     if (acquired) count = 1;
     return acquired;
-}
-
-bool ovDirectoryReadWriteLock::WriteLock::Impl::release(const time_duration& timeout) {
-    detail::HandleMutexGuard guard(mutex, timeout);
-    if (!guard.owns()) return false;
-    if (count == 0) return false;
-    count -= 1;
-    if (count == 0) lockFile.reset();
-    return true;
-}
-
-bool ovDirectoryReadWriteLock::WriteLock::Impl::isAcquired() {
-    boost::unique_lock<boost::timed_mutex> lock(mutex);
-    return count > 0;
 }
 
 ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::Impl::downgrade(
