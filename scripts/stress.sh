@@ -143,18 +143,20 @@ sum_field() {
   echo $total
 }
 
-# contend LABEL SECONDS GROUP...: each GROUP is MODE:COUNT:LOCKDIR[:SKEW[:fresh]].
+# contend LABEL SECONDS GROUP...: each GROUP is
+# MODE:COUNT:LOCKDIR[:SKEW[:fresh[:TIMEOUT_MS]]] (time-out per acquisition,
+# default 120000; 0 makes the try forms).
 # All workers share one check directory. Checks exits, overlaps (markers and
 # event intervals), leaks and leftovers of every distinct lock directory
 # (CLEANDIRS, set by the caller, overrides which directories must be empty).
 contend() {
-  local label=$1 run_secs=$2 group mode count dir skew fresh i names=() wpids=() dirs=() s=0
+  local label=$1 run_secs=$2 group mode count dir skew fresh tmo i names=() wpids=() dirs=() s=0
   shift 2
   local check="$work/check-$label"
   mkdir -p "$check"
   for group in "$@"; do
     s=$((s + 1))
-    IFS=: read -r mode count dir skew fresh <<<"$group"
+    IFS=: read -r mode count dir skew fresh tmo <<<"$group"
     mkdir -p "$dir"
     dirs+=("$dir")
     for i in $(seq 1 "$count"); do
@@ -164,7 +166,7 @@ contend() {
       # Readers hold a little longer so that several overlap.
       local hold=2; [ "$mode" = reader ] && hold=5
       start_worker "$name" "$skew" --mode "$mode" --dir "$dir" --check-dir "$check" \
-        --duration "$run_secs" --iterations 1000000 --hold-ms $hold --timeout-ms 120000 \
+        --duration "$run_secs" --iterations 1000000 --hold-ms $hold --timeout-ms "${tmo:-120000}" \
         "${extra[@]}"
       names+=("$name")
       wpids+=("$last_pid")
@@ -241,6 +243,13 @@ echo "== local file system"
 contend local-exclusive "$secs" "exclusive:4:$work/local-x" "exclusive:4:$work/local-x::fresh"
 contend local-rw "$secs" "writer:2:$work/local-rw" "writer:1:$work/local-rw::fresh" \
   "reader:4:$work/local-rw" "reader:2:$work/local-rw::fresh"
+# Try forms and time-outs shorter than another contender's check-and-create
+# step: such a step goes on without the directory's exclusive lock, and must
+# still never let a writer in beside anyone.
+half=$(( (secs + 1) / 2 ))
+contend local-rw-impatient "$half" "writer:2:$work/local-rwi" "writer:1:$work/local-rwi:::0" \
+  "writer:1:$work/local-rwi:::3" "reader:2:$work/local-rwi" "reader:2:$work/local-rwi:::0" \
+  "reader:2:$work/local-rwi:::3"
 
 # ---- 2. Network file system ---------------------------------------------------
 have_netfs=0
@@ -266,6 +275,10 @@ if [ $have_netfs = 1 ]; then
     "exclusive:4:$NETFS_A/x" "exclusive:2:$NETFS_B/x" "exclusive:2:$NETFS_B/x::fresh"
   CLEANDIRS="$NETFS_EXPORT/rw" contend net-rw "$secs" \
     "writer:1:$NETFS_A/rw" "writer:1:$NETFS_B/rw" "reader:3:$NETFS_A/rw" "reader:3:$NETFS_B/rw"
+  mkdir -p "$NETFS_EXPORT/rwi"
+  CLEANDIRS="$NETFS_EXPORT/rwi" contend net-rw-impatient "$(( (secs + 1) / 2 ))" \
+    "writer:1:$NETFS_A/rwi" "writer:1:$NETFS_B/rwi:::0" "reader:2:$NETFS_A/rwi:::0" \
+    "reader:2:$NETFS_B/rwi:::5" "reader:1:$NETFS_B/rwi"
 fi
 
 # ---- 3. Clock skew -------------------------------------------------------------
@@ -282,7 +295,6 @@ else
     have_skew=1
     echo "  the lock library's clock: +$(awk -v r="$real" -v a="$ahead" 'BEGIN{printf "%.0f", a-r}') s" \
          "and -$(awk -v r="$real" -v b="$behind" 'BEGIN{printf "%.0f", r-b}') s under libfaketime"
-    half=$(( (secs + 1) / 2 ))
     contend skew-exclusive "$half" "exclusive:3:$work/skew-x" "exclusive:3:$work/skew-x:+10m" \
       "exclusive:3:$work/skew-x:-10m"
     contend skew-rw "$half" "writer:1:$work/skew-rw" "writer:1:$work/skew-rw:+10m" \
