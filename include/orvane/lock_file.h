@@ -28,10 +28,13 @@ enum ovLockLossReason {
 // for ovLockNotLost and "unknown" for any other value.
 OV_API const char* ovLockLossReasonText(ovLockLossReason r);
 
-// Called once, on the refresh thread, when a holder's loss is found.
+// Called once, on the refresh thread, when a holder's loss is found. (A
+// refresh that fails with an error ends the refresh thread; the call then
+// comes from a one-shot timer thread of the same lock file once 20 s have
+// passed without a refresh.)
 //
-// It runs on the lock file's refresh thread, so it must NOT release the lock
-// or destroy the lock object (either joins that very thread: the process
+// It runs on a thread of the lock file, so it must NOT release the lock or
+// destroy the lock object (either joins that very thread: the process
 // ends). It should do something small: set a flag, notify a condition, write
 // to a pipe. It must not throw; an exception from it is caught and dropped.
 typedef boost::function1<void, ovLockLossReason> ovLockLostCallback;

@@ -51,6 +51,18 @@ void refreshOwned(const boost::shared_ptr<detail::LockLossState>& state,
             state->markLost(ovLockFileMissing);
             state->reportIfDue();
             throw;
+        } catch (const boost::thread_interrupted&) {
+            throw;  // cancelled: no failure
+        } catch (...) {
+            // Any other error ends the task too and the file ages from its
+            // last refresh; the silence is still reported when it passes the
+            // limit, as for refreshes that keep failing.
+            try {
+                state->watchSilence(state);
+            } catch (...) {
+                // No thread for the watch: isLost() still finds the silence.
+            }
+            throw;
         }
     }
     state->reportIfDue();
@@ -119,6 +131,7 @@ ovLockFile::ovLockFile(const std::string& name_, const no_refresh_tag&,
 ovLockFile::~ovLockFile() {
     // Stop first, so that no refresh can recreate the file after its removal.
     if (refreshTask) refreshTask->cancel();
+    if (loss) loss->stopWatch();
     if (loss && loss->reason() != ovLockFileRewritten) {
         // A holder resumed after a pause may release before its next refresh
         // has looked: check once more, or we would remove the new holder's

@@ -5,9 +5,25 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
+
+#include <boost/bind/bind.hpp>
+#include <boost/weak_ptr.hpp>
+
 #include "fs/refresh_counter.h"
 
 namespace detail {
+
+namespace {
+
+void reportSilence(const boost::weak_ptr<LockLossState>& weak) {
+    if (const boost::shared_ptr<LockLossState> state = weak.lock()) {
+        state->evaluate();
+        state->reportIfDue();
+    }
+}
+
+}  // namespace
 
 constexpr std::chrono::seconds LockLossState::kMaxSilence;
 
@@ -67,6 +83,28 @@ void LockLossState::reportIfDue() {
     } catch (...) {
         // Documented: a callback's exception is dropped, the refresh goes on.
     }
+}
+
+void LockLossState::watchSilence(const boost::shared_ptr<LockLossState>& self) {
+    const Clock::duration silence = Clock::now().time_since_epoch() - Clock::duration(lastSuccess_.load());
+    // A little past the limit, so that evaluate() finds it passed.
+    const long long us =
+        std::chrono::duration_cast<std::chrono::microseconds>(kMaxSilence - silence).count() + 50000;
+    // The state does not keep itself alive through its own timer.
+    const boost::function0<void> report = boost::bind(&reportSilence, boost::weak_ptr<LockLossState>(self));
+    const boost::shared_ptr<ovTimerTask> task =
+        ovSetTimer(report, boost::posix_time::microseconds(std::max(us, 1000LL)), false);
+    std::lock_guard<std::mutex> guard(mutex_);
+    watch_ = task;
+}
+
+void LockLossState::stopWatch() {
+    boost::shared_ptr<ovTimerTask> task;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        task.swap(watch_);
+    }
+    if (task) task->cancel();
 }
 
 std::string makeOwnerToken() {

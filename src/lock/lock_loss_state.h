@@ -10,7 +10,10 @@
 #include <mutex>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
+
 #include "orvane/lock_file.h"
+#include "orvane/timer.h"
 
 namespace detail {
 
@@ -38,17 +41,27 @@ struct LockLossState {
     void refreshSucceeded(const std::string& written);
 
     void setCallback(const ovLockLostCallback& callback);
-    // Refresh thread only: calls the callback once, after a loss was found.
+    // Calls the callback once, after a loss was found. From the refresh
+    // thread, or from the silence watch once that thread has ended.
     void reportIfDue();
+
+    // The refresh task is ending by an error: nothing refreshes the file or
+    // looks at it any more. A one-shot timer of its own reports the silence
+    // once it passes kMaxSilence. `self` is this state.
+    void watchSilence(const boost::shared_ptr<LockLossState>& self);
+    // Cancels that timer (joins a report in progress); for the ovLockFile's
+    // destructor, after the refresh task was cancelled.
+    void stopWatch();
 
 private:
     std::atomic<int> reason_;
     std::atomic<Clock::rep> lastSuccess_;
     const std::string token_;
-    mutable std::mutex mutex_;  // guards the three below
+    mutable std::mutex mutex_;  // guards the four below
     std::string expected_;
     ovLockLostCallback callback_;
     bool reported_ = false;
+    boost::shared_ptr<ovTimerTask> watch_;
 };
 
 // A per-holder token: process id and 8 random bytes.

@@ -45,8 +45,10 @@ class StalledFS : public ovNetworkFS {
 public:
     using ovAbstractFS::refreshLockFile;
     std::atomic<bool> stalled{false};
+    bool throws = false;  // a stalled refresh fails with an error instead, ending the refresh task
     ovOwnedRefreshResult refreshOwnedLockFile(const std::string& name, const pt::ptime& deadline,
                                               const std::string& expected, const std::string& content) override {
+        if (stalled && throws) throw ovFileAccessError("File system error occurred: injected");
         if (stalled) return ovRefreshFailed;
         return ovNetworkFS::refreshOwnedLockFile(name, deadline, expected, content);
     }
@@ -109,27 +111,43 @@ TEST(ExclusiveLoss, RemovedDirectoryIsReportedOnceAsMissing) {
 }
 
 // Needs 21 s of real time: the silence is measured by the monotonic clock.
+// One holder's refreshes keep failing; the other's first failure is an error,
+// which ends its refresh task: both are told when the silence passes 20 s.
 TEST(ExclusiveLoss, RefreshesFailingForTwentyOneSecondsAreReported) {
-    TempDir dir;
-    auto fs = boost::make_shared<StalledFS>();
-    ovDirectoryExclusiveLock lock(dir.path(), "holder", fs);
+    TempDir dir, dir2;
+    auto fs = boost::make_shared<StalledFS>(), fs2 = boost::make_shared<StalledFS>();
+    fs2->throws = true;
+    ovDirectoryExclusiveLock lock(dir.path(), "holder", fs), lock2(dir2.path(), "holder", fs2);
     ASSERT_TRUE(lock.acquire(pt::seconds(10)));
-    std::atomic<int> calls{0}, reason{ovLockNotLost};
+    ASSERT_TRUE(lock2.acquire(pt::seconds(10)));
+    std::atomic<int> calls{0}, reason{ovLockNotLost}, calls2{0}, reason2{ovLockNotLost};
     // Installed on the held file at once.
     lock.setLostCallback([&](ovLockLossReason r) {
         reason = r;
         ++calls;
     });
+    lock2.setLostCallback([&](ovLockLossReason r) {
+        reason2 = r;
+        ++calls2;
+    });
     fs->stalled = true;
+    fs2->stalled = true;
     const double start = monotonicSeconds();
     usleep(15 * 1000 * 1000);
     EXPECT_FALSE(lock.isLost()) << "reported after only 15 s";
+    EXPECT_EQ(calls2, 0) << "reported after only 15 s";
+    // The ended task's holder is told without asking.
+    ASSERT_TRUE(waitFor([&] { return calls2 > 0; }, 15));
+    EXPECT_GE(monotonicSeconds() - start, 19.5);
+    EXPECT_EQ(reason2, ovLockRefreshFailing);
     ASSERT_TRUE(waitFor([&] { return lock.isLost(); }, 15));
     EXPECT_GE(monotonicSeconds() - start, 19.5);
     EXPECT_EQ(lock.getLossReason(), ovLockRefreshFailing);
     // The refresh thread makes the one call even when isLost() noticed first.
     EXPECT_TRUE(waitFor([&] { return calls > 0; }, 5));
     EXPECT_EQ(reason, ovLockRefreshFailing);
+    EXPECT_EQ(calls2, 1);
+    EXPECT_TRUE(lock2.release());
     // Refreshes work again: still lost, and the file is still ours to remove.
     fs->stalled = false;
     usleep(1500 * 1000);
