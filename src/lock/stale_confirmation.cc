@@ -87,31 +87,32 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
         watch = std::min(watch, room);
     }
 
+    // The first content read, once one succeeds; a failed read is no evidence.
     std::string first;
-    switch (readContent(fs, name, first)) {
-        case Read::Missing: return StaleCheck::Gone;
-        case Read::Unreadable: return StaleCheck::Stale;
-        case Read::Present: break;
-    }
-
+    bool haveFirst = false;
     const pt::ptime end = start + watch;
-    // Bounded by the watch span: at most watch / kPollEvery passes.
-    for (pt::ptime now = pt::microsec_clock::local_time(); now < end;
-         now = pt::microsec_clock::local_time()) {
-        boost::this_thread::sleep(pt::microsec_clock::universal_time() +
-                                  std::min(kPollEvery, end - now));
-        std::string again;
-        switch (readContent(fs, name, again)) {
+    for (bool firstPass = true;; firstPass = false) {
+        if (!firstPass) {
+            const pt::ptime now = pt::microsec_clock::local_time();
+            if (now >= end) break;
+            // Bounded by the watch span: at most watch / kPollEvery passes.
+            boost::this_thread::sleep(pt::microsec_clock::universal_time() + std::min(kPollEvery, end - now));
+        }
+        std::string content;
+        switch (readContent(fs, name, content)) {
             case Read::Missing: return StaleCheck::Gone;
-            case Read::Unreadable: return StaleCheck::Stale;
+            case Read::Unreadable: continue;
             case Read::Present: break;
         }
-        if (again != first) {
+        if (!haveFirst) {
+            first = content;
+            haveFirst = true;
+        } else if (content != first) {
             sightings().sawLive(name);
             return StaleCheck::Live;
         }
     }
-    return watch < kLongestWatch ? unconfirmed(name) : StaleCheck::Stale;
+    return unconfirmed(name);
 }
 
 }  // namespace detail

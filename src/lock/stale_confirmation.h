@@ -16,7 +16,8 @@
 namespace detail {
 
 enum class StaleCheck {
-    Stale,  // content unchanged while watched (or no room to watch): act on it
+    Stale,  // content unchanged while watched (or no room to watch) and not
+            // seen changing within 30 s: act on it
     Live,   // content changed: a holder is refreshing it, treat as not stale
     Gone    // the file vanished meanwhile: look again at once
 };
@@ -29,15 +30,18 @@ enum class StaleCheck {
 // (act on the verdict as before). `deadline` is a local time, as everywhere in
 // the locking code; pos_infin means no limit.
 //
-// Too little room must not mean "act" for a waiter whose long wait merely
-// runs out: a file whose content was seen changing within the last 30 s (the
-// staleness age) cannot be stale yet, so a verdict that no full watch backs
-// (no room, or a watch cut short by the deadline) returns Live for it. Those
-// sightings are remembered process-wide, per file name.
+// A file whose content was seen changing within the last 30 s (the staleness
+// age) cannot be stale yet, whatever its time says: a holder that stalls for
+// longer than one watch (a loaded machine, a slow server) is still alive. So
+// any verdict not overturned by the watch itself (no room, a watch cut short,
+// or a full watch that saw no change) returns Live for such a file. Those
+// sightings are remembered process-wide, per file name; a dead holder's file
+// is then taken over once its last sighting is 30 s old.
 //
-// A file that cannot be read (ovFileAccessError from the read, e.g. a
-// directory in its place) gives no evidence: Stale, as without a watch.
-// Throws only boost::thread_interrupted, from its sleeps.
+// A read that fails (ovFileAccessError, e.g. an I/O error through a network
+// client) gives no evidence either way and the watch goes on; a file never
+// readable during the whole watch (a directory in its place) counts as
+// unchanged. Throws only boost::thread_interrupted, from its sleeps.
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const boost::posix_time::ptime& deadline);
 

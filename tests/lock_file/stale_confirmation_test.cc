@@ -47,7 +47,9 @@ TEST(StaleConfirmation, VerdictsFromWatchedContent) {
         {"changes", [](int n) { return n < 5 ? 7 : 8; }, 10, pt::not_special, StaleCheck::Live, 6, 6, 0},
         {"vanishes", [](int n) { return n < 3 ? 7 : -1; }, 10, pt::not_special, StaleCheck::Gone, 4, 4, 0},
         {"absent", [](int) { return -1; }, 10, pt::not_special, StaleCheck::Gone, 1, 1, 0},
-        {"unreadable", [](int n) { return n == 0 ? 7 : -2; }, 10, pt::not_special, StaleCheck::Stale, 2, 2, 0},
+        // A failed read is no evidence: the watch goes on past it.
+        {"unreadable", [](int n) { return n == 0 ? 7 : -2; }, 10, pt::not_special, StaleCheck::Stale, 10, 40, 3},
+        {"read-fails-between", [](int n) { return n % 2 ? -2 : n; }, 10, pt::not_special, StaleCheck::Live, 3, 3, 0},
         // Unchanged content is watched for about three one-second refreshes.
         {"unchanged", constant, 30, pt::not_special, StaleCheck::Stale, 10, 40, 3},
         {"no-deadline", constant, 0, pt::pos_infin, StaleCheck::Stale, 10, 40, 3},
@@ -74,9 +76,10 @@ TEST(StaleConfirmation, VerdictsFromWatchedContent) {
     }
 }
 
-// A waiter whose long wait runs out must not act on an unwatched verdict
-// against a holder it saw alive moments ago.
-TEST(StaleConfirmation, HolderSeenAliveRecentlyStaysLiveWithoutRoom) {
+// A holder seen alive moments ago cannot have gone 30 s without a refresh:
+// neither a waiter whose long wait runs out nor a full watch that happens to
+// see no change (the holder stalled) may act against it.
+TEST(StaleConfirmation, HolderSeenAliveRecentlyStaysLive) {
     ScriptedFS fs;
     fs.script = counting;
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(10)), StaleCheck::Live);
@@ -86,5 +89,6 @@ TEST(StaleConfirmation, HolderSeenAliveRecentlyStaysLiveWithoutRoom) {
     EXPECT_EQ(fs.reads, 0);
     fs.script = constant;
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(1.5)), StaleCheck::Live) << "watch cut short";
-    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(20)), StaleCheck::Stale) << "full watch";
+    EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(20)), StaleCheck::Live) << "full watch";
+    EXPECT_EQ(detail::confirmStale(fs, "never-seen", inSeconds(20)), StaleCheck::Stale);
 }
