@@ -31,6 +31,25 @@ int openRetryingEintr(const char* path, int flags, mode_t mode, ScopedFd& fd) {
     }
 }
 
+// An sftp-based network mount reports a lost exclusive-create race as EPERM:
+// its protocol has no "already exists" answer. Said of a name that exists,
+// EPERM means just that, and lock contention must not read as a file-system
+// fault. The name may also be gone again by the time we look (its holder
+// released it in between): then the create is simply tried again. Only an
+// EPERM that keeps coming about a missing name is a real refusal.
+constexpr int kLostRaceRetries = 8;
+
+int exclusiveCreate(const char* path, int access, ScopedFd& fd) {
+    int err = 0;
+    for (int attempt = 0; attempt <= kLostRaceRetries; ++attempt) {
+        err = openRetryingEintr(path, access | O_CREAT | O_EXCL, kLockFileMode, fd);
+        if (err != EPERM) return err;
+        struct stat st;
+        if (::lstat(path, &st) == 0) return EEXIST;
+    }
+    return err;
+}
+
 }  // namespace
 
 void ScopedFd::reset(int fd) {
@@ -40,16 +59,7 @@ void ScopedFd::reset(int fd) {
 }
 
 int openExclusiveCreate(const char* path, ScopedFd& fd) {
-    const int err = openRetryingEintr(path, O_WRONLY | O_CREAT | O_EXCL, kLockFileMode, fd);
-    // An sftp-based network mount reports a lost exclusive-create race as
-    // EPERM: its protocol has no "already exists" answer. Said of a name that
-    // exists, EPERM means just that, and lock contention must not read as a
-    // file-system fault.
-    if (err == EPERM) {
-        struct stat st;
-        if (::lstat(path, &st) == 0) return EEXIST;
-    }
-    return err;
+    return exclusiveCreate(path, O_WRONLY, fd);
 }
 
 int openForRewrite(const char* path, ScopedFd& fd) {
@@ -61,7 +71,7 @@ int openExistingForUpdate(const char* path, ScopedFd& fd) {
 }
 
 int openExclusiveCreateForUpdate(const char* path, ScopedFd& fd) {
-    return openRetryingEintr(path, O_RDWR | O_CREAT | O_EXCL, kLockFileMode, fd);
+    return exclusiveCreate(path, O_RDWR, fd);
 }
 
 int readHeadAt0(const ScopedFd& fd, std::string& content, size_t maxBytes) {

@@ -29,7 +29,8 @@ private:
 };
 
 // open(O_WRONLY | O_CREAT | O_EXCL, 0777): the file did not exist and now
-// belongs to us. EEXIST also stands for an EPERM about a name that exists.
+// belongs to us. EEXIST also stands for an EPERM about a name that exists;
+// an EPERM about a missing name is tried again a few times first.
 int openExclusiveCreate(const char* path, ScopedFd& fd);
 // open(O_WRONLY | O_CREAT, 0777): no truncation, so a refresh never leaves
 // an empty lock file behind.
@@ -37,7 +38,8 @@ int openForRewrite(const char* path, ScopedFd& fd);
 // open(O_RDWR): an owned lock file is checked and rewritten in one open, and
 // only if it is still there (a missing one is recreated by openExclusiveCreate).
 int openExistingForUpdate(const char* path, ScopedFd& fd);
-// open(O_RDWR | O_CREAT | O_EXCL): recreates a lock file found missing.
+// open(O_RDWR | O_CREAT | O_EXCL): recreates a lock file found missing; EPERM
+// is read as for openExclusiveCreate.
 int openExclusiveCreateForUpdate(const char* path, ScopedFd& fd);
 // Reads at most maxBytes from offset 0 of an open file.
 int readHeadAt0(const ScopedFd& fd, std::string& content, size_t maxBytes);

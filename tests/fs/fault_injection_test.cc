@@ -47,10 +47,13 @@ TEST(FaultInjection, RetryCountsAndErrorsOfEachOperation) {
         {{"create"}, EIO, -1, "", "throw ovFileAccessError|File system error occurred: Exclusive create failed on $"
                                   " (reason: " + std::string(std::strerror(EIO)) + ")", "", 1, 0, 0, false},
         // An sftp mount's answer to a lost exclusive-create race: EPERM about
-        // a name that exists is "already there"; about a missing one, a fault.
+        // a name that exists is "already there"; about a name gone again by
+        // the time we look, a reason to try once more; only one that keeps
+        // coming (9 tries) about a missing name is a fault.
         {{"create", "existing"}, EPERM, -1, "", "result 0", "", 1, 0, 0, true},
+        {{"create"}, EPERM, 1, "", "result 1", "", 1, 1, 0, true},
         {{"create"}, EPERM, -1, "", "throw ovFileAccessError|File system error occurred: Exclusive create failed on $"
-                                   " (reason: " + std::string(std::strerror(EPERM)) + ")", "", 1, 0, 0, false},
+                                   " (reason: " + std::string(std::strerror(EPERM)) + ")", "", 9, 0, 0, false},
         {{"remove", "300"}, EBUSY, -1, "", "result 0", "", -1, 0, 290, true},
         {{"remove", "30000"}, EBUSY, 3, "", "result 1", "", 3, 1, 0, false},
         {{"remove", "30000"}, EACCES, -1, "", noPerm, "", 1, 0, 0, true},  // only EBUSY is retried
