@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 
@@ -38,40 +39,79 @@ Read readContent(ovAbstractFS& fs, const std::string& name, std::string& content
     }
 }
 
-// When each lock file was last seen changing, measured on the steady clock so
-// that a jump of the wall clock cannot stretch or shrink it.
-class Sightings {
+// What this process knows of each lock file: when its content was last seen
+// changing (on the steady clock, so that a jump of the wall clock cannot
+// stretch or shrink it) and a digest of the content it last read. Content
+// that differs from the last read proves a rewrite since then, even across
+// calls: a waiter that watched a live holder earlier, and whose deadline now
+// leaves no room to watch, needs a single read to see the holder is still at
+// work. A digest collision only hides such a rewrite (the verdict then stands
+// as it would without memory); it can never invent one.
+class FileMemory {
 public:
-    void sawLive(const std::string& name) {
+    // Records a read of `content`; true when it differs from the last one
+    // read, which also counts as seeing the file live now.
+    bool readChanged(const std::string& name, const std::string& content) {
         std::lock_guard<std::mutex> g(m_);
         const Steady::time_point now = Steady::now();
-        if (seen_.size() >= kMaxRemembered) forgetOld(now);
-        if (seen_.size() >= kMaxRemembered) seen_.clear();  // all recent: start over
-        seen_[name] = now;
+        Entry& e = entry(name, now);
+        const size_t digest = std::hash<std::string>()(content);
+        const bool changed = e.haveDigest && e.digest != digest;
+        e.digest = digest;
+        e.haveDigest = true;
+        if (changed) {
+            e.liveAt = now;
+            e.seenLive = true;
+        }
+        return changed;
     }
     bool seenLiveRecently(const std::string& name) {
         std::lock_guard<std::mutex> g(m_);
-        const auto it = seen_.find(name);
-        return it != seen_.end() && Steady::now() - it->second < kSeenLiveSpan;
+        const auto it = files_.find(name);
+        return it != files_.end() && it->second.seenLive && Steady::now() - it->second.liveAt < kSeenLiveSpan;
     }
 
 private:
+    struct Entry {
+        Steady::time_point liveAt, touched;
+        bool seenLive = false;
+        size_t digest = 0;
+        bool haveDigest = false;
+    };
+    Entry& entry(const std::string& name, Steady::time_point now) {
+        if (files_.size() >= kMaxRemembered && !files_.count(name)) forgetOld(now);
+        if (files_.size() >= kMaxRemembered && !files_.count(name)) files_.clear();  // all recent: start over
+        Entry& e = files_[name];
+        e.touched = now;
+        return e;
+    }
+    // Forgetting only costs evidence of life, never invents it.
     void forgetOld(Steady::time_point now) {
-        for (auto it = seen_.begin(); it != seen_.end();)
-            it = now - it->second >= kSeenLiveSpan ? seen_.erase(it) : std::next(it);
+        for (auto it = files_.begin(); it != files_.end();)
+            it = now - it->second.touched >= kSeenLiveSpan ? files_.erase(it) : std::next(it);
     }
     std::mutex m_;
-    std::map<std::string, Steady::time_point> seen_;
+    std::map<std::string, Entry> files_;
 };
 
-Sightings& sightings() {
-    static Sightings* s = new Sightings;  // never destroyed: timer threads may outlive exit
-    return *s;
+FileMemory& memory() {
+    static FileMemory* m = new FileMemory;  // never destroyed: timer threads may outlive exit
+    return *m;
 }
 
-// The verdict when no full watch backs it.
+// The verdict when no watch overturned it: live if the file was seen
+// changing within the staleness age, else stale.
 StaleCheck unconfirmed(const std::string& name) {
-    return sightings().seenLiveRecently(name) ? StaleCheck::Live : StaleCheck::Stale;
+    return memory().seenLiveRecently(name) ? StaleCheck::Live : StaleCheck::Stale;
+}
+
+// No room to watch: one read still shows a rewrite since this process last
+// read the file. A missing or unreadable file proves nothing here.
+StaleCheck withoutWatch(ovAbstractFS& fs, const std::string& name) {
+    std::string content;
+    if (readContent(fs, name, content) == Read::Present && memory().readChanged(name, content))
+        return StaleCheck::Live;
+    return unconfirmed(name);
 }
 
 }  // namespace
@@ -80,16 +120,15 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const pt::ptime& deadline) {
     const pt::ptime start = pt::microsec_clock::local_time();
     pt::time_duration watch = kLongestWatch;
-    if (deadline.is_not_a_date_time() || deadline.is_neg_infinity()) return unconfirmed(name);
+    if (deadline.is_not_a_date_time() || deadline.is_neg_infinity()) return withoutWatch(fs, name);
     if (!deadline.is_pos_infinity()) {
         const pt::time_duration room = deadline - start;
-        if (room < kMinimumRoom) return unconfirmed(name);
+        if (room < kMinimumRoom) return withoutWatch(fs, name);
         watch = std::min(watch, room);
     }
 
-    // The first content read, once one succeeds; a failed read is no evidence.
-    std::string first;
-    bool haveFirst = false;
+    // Each read is compared with the last one this process made of the file,
+    // in this watch or before it; a failed read is no evidence.
     const pt::ptime end = start + watch;
     for (bool firstPass = true;; firstPass = false) {
         if (!firstPass) {
@@ -104,13 +143,7 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
             case Read::Unreadable: continue;
             case Read::Present: break;
         }
-        if (!haveFirst) {
-            first = content;
-            haveFirst = true;
-        } else if (content != first) {
-            sightings().sawLive(name);
-            return StaleCheck::Live;
-        }
+        if (memory().readChanged(name, content)) return StaleCheck::Live;
     }
     return unconfirmed(name);
 }

@@ -26,22 +26,28 @@ enum class StaleCheck {
 // (remaining >= ~1.2 s), read its content through fs.readLockFileContent()
 // (fresh open) and watch it for up to min(~3.5 s, remaining), polling every
 // ~100 ms with interruptible boost sleeps: changed content -> Live, file gone
-// -> Gone, unchanged -> Stale. With too little room, return Stale at once
-// (act on the verdict as before). `deadline` is a local time, as everywhere in
-// the locking code; pos_infin means no limit.
+// -> Gone, unchanged -> Stale. With too little room, read it once only.
+// `deadline` is a local time, as everywhere in the locking code; pos_infin
+// means no limit.
+//
+// Every read is compared with the last read this process made of the same
+// file, in this call or an earlier one: a difference is a rewrite since then,
+// so Live. That lets a waiter whose deadline leaves no room still see, with
+// one read, that the holder it watched earlier is at work.
 //
 // A file whose content was seen changing within the last 30 s (the staleness
 // age) cannot be stale yet, whatever its time says: a holder that stalls for
 // longer than one watch (a loaded machine, a slow server) is still alive. So
-// any verdict not overturned by the watch itself (no room, a watch cut short,
-// or a full watch that saw no change) returns Live for such a file. Those
-// sightings are remembered process-wide, per file name; a dead holder's file
-// is then taken over once its last sighting is 30 s old.
+// any verdict not overturned by the reads themselves (no room, a watch cut
+// short, or a full watch that saw no change) returns Live for such a file.
+// Those sightings are remembered process-wide, per file name; a dead holder's
+// file is then taken over once its last sighting is 30 s old.
 //
 // A read that fails (ovFileAccessError, e.g. an I/O error through a network
 // client) gives no evidence either way and the watch goes on; a file never
 // readable during the whole watch (a directory in its place) counts as
-// unchanged. Throws only boost::thread_interrupted, from its sleeps.
+// unchanged, and so does one missing at the single read. Throws only
+// boost::thread_interrupted, from its sleeps.
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const boost::posix_time::ptime& deadline);
 

@@ -54,11 +54,12 @@ TEST(StaleConfirmation, VerdictsFromWatchedContent) {
         {"unchanged", constant, 30, pt::not_special, StaleCheck::Stale, 10, 40, 3},
         {"no-deadline", constant, 0, pt::pos_infin, StaleCheck::Stale, 10, 40, 3},
         {"cut-short", constant, 1.5, pt::not_special, StaleCheck::Stale, 2, 40, 0},
-        // No room to watch: act on the verdict without reading.
-        {"no-room", counting, 1.0, pt::not_special, StaleCheck::Stale, 0, 0, 0},
-        {"past", counting, -5, pt::not_special, StaleCheck::Stale, 0, 0, 0},
-        {"not-a-time", counting, 0, pt::not_a_date_time, StaleCheck::Stale, 0, 0, 0},
-        {"neg-infinity", counting, 0, pt::neg_infin, StaleCheck::Stale, 0, 0, 0},
+        // No room to watch: one read, nothing earlier to compare it with, so
+        // the verdict stands.
+        {"no-room", counting, 1.0, pt::not_special, StaleCheck::Stale, 1, 1, 0},
+        {"past", counting, -5, pt::not_special, StaleCheck::Stale, 1, 1, 0},
+        {"not-a-time", counting, 0, pt::not_a_date_time, StaleCheck::Stale, 1, 1, 0},
+        {"neg-infinity", counting, 0, pt::neg_infin, StaleCheck::Stale, 1, 1, 0},
     };
     for (const auto& c : cases) {
         ScriptedFS fs;
@@ -81,14 +82,36 @@ TEST(StaleConfirmation, VerdictsFromWatchedContent) {
 // see no change (the holder stalled) may act against it.
 TEST(StaleConfirmation, HolderSeenAliveRecentlyStaysLive) {
     ScriptedFS fs;
-    fs.script = counting;
+    fs.script = [](int n) { return n == 0 ? 6 : 7; };
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(10)), StaleCheck::Live);
     fs.reads = 0;
+    fs.script = constant;  // the same content as last read: only the sighting speaks for it
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(0.5)), StaleCheck::Live);
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(-1)), StaleCheck::Live);
-    EXPECT_EQ(fs.reads, 0);
-    fs.script = constant;
+    EXPECT_EQ(fs.reads, 2);
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(1.5)), StaleCheck::Live) << "watch cut short";
     EXPECT_EQ(detail::confirmStale(fs, "seen", inSeconds(20)), StaleCheck::Live) << "full watch";
     EXPECT_EQ(detail::confirmStale(fs, "never-seen", inSeconds(20)), StaleCheck::Stale);
+}
+
+// A waiter whose deadline leaves no room to watch still compares one read
+// with the last one it made, however long ago: a rewrite since then is a
+// live holder (a caching client shows it a live holder's old time).
+TEST(StaleConfirmation, RewriteSinceAnEarlierReadIsSeenWithoutRoomToWatch) {
+    ScriptedFS fs;
+    fs.script = constant;
+    EXPECT_EQ(detail::confirmStale(fs, "rewritten", inSeconds(1.5)), StaleCheck::Stale);
+    EXPECT_EQ(detail::confirmStale(fs, "kept", inSeconds(1.5)), StaleCheck::Stale);
+    fs.reads = 0;
+    EXPECT_EQ(detail::confirmStale(fs, "kept", inSeconds(0.5)), StaleCheck::Stale) << "unchanged since";
+    fs.script = [](int) { return 8; };
+    EXPECT_EQ(detail::confirmStale(fs, "rewritten", inSeconds(0.5)), StaleCheck::Live);
+    EXPECT_EQ(detail::confirmStale(fs, "rewritten", pt::ptime(pt::neg_infin)), StaleCheck::Live)
+        << "seen changing moments ago";
+    EXPECT_EQ(fs.reads, 3);
+    // Neither a vanished nor an unreadable file is evidence of a rewrite.
+    fs.script = [](int) { return -1; };
+    EXPECT_EQ(detail::confirmStale(fs, "kept", inSeconds(0.5)), StaleCheck::Stale);
+    fs.script = [](int) { return -2; };
+    EXPECT_EQ(detail::confirmStale(fs, "kept", inSeconds(0.5)), StaleCheck::Stale);
 }
