@@ -260,6 +260,8 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                             break;
                         }
                         if (check == detail::StaleCheck::Live) stale = false;
+                    } else {
+                        detail::keepRecentRead(*fs, below);
                     }
                     if (!stale) {
                         if (deadline <= localNow()) break;

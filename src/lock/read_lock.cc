@@ -51,7 +51,10 @@ ovDirectoryReadWriteLock::ReadLock::Impl::judgeWriteLock(const std::string& writ
         // release without the exclusive lock, so this is an ordinary race.
         return NoWriter;
     }
-    if (!stale) return LiveWriter;
+    if (!stale) {
+        detail::keepRecentRead(*fs, writeLockPath);
+        return LiveWriter;
+    }
     // An attribute-caching client can see a live writer's file tens of
     // seconds old; its content still changes with every refresh.
     switch (detail::confirmStale(*fs, writeLockPath, deadline)) {

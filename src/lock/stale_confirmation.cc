@@ -26,6 +26,9 @@ const pt::time_duration kPollEvery = pt::milliseconds(100);
 // A holder seen refreshing this recently cannot have gone 30 s without a refresh.
 const Steady::duration kSeenLiveSpan = std::chrono::seconds(30);
 const size_t kMaxRemembered = 1024;
+// How often a file that looks fresh is read all the same, so that a later
+// verdict without room to watch has a read less than 30 s old to compare with.
+const Steady::duration kKeepReadEvery = std::chrono::seconds(10);
 
 enum class Read { Present, Missing, Unreadable };
 
@@ -39,56 +42,59 @@ Read readContent(ovAbstractFS& fs, const std::string& name, std::string& content
     }
 }
 
-// What this process knows of each lock file: when its content was last seen
-// changing (on the steady clock, so that a jump of the wall clock cannot
-// stretch or shrink it) and a digest of the content it last read. Content
-// that differs from the last read proves a rewrite since then, even across
-// calls: a waiter that watched a live holder earlier, and whose deadline now
-// leaves no room to watch, needs a single read to see the holder is still at
-// work. A digest collision only hides such a rewrite (the verdict then stands
-// as it would without memory); it can never invent one.
+// What this process knows of each lock file: a digest of the content it last
+// read and when, and when the file was last proven live. Times are on the
+// steady clock, so that a jump of the wall clock cannot stretch or shrink
+// them. Content that differs from a read made less than 30 s ago proves a
+// refresh within the staleness age, however the read came about: a watch, a
+// single read without room to watch, or a periodic read while the file
+// looked fresh (keepRecentRead). A digest collision only hides a rewrite (the
+// verdict then stands as it would without memory); it can never invent one.
 class FileMemory {
 public:
-    // Records a read of `content`; true when it differs from the last one
-    // read, which also counts as seeing the file live now.
-    bool readChanged(const std::string& name, const std::string& content) {
+    // Records a read of `content` made now.
+    void read(const std::string& name, const std::string& content) {
         std::lock_guard<std::mutex> g(m_);
         const Steady::time_point now = Steady::now();
         Entry& e = entry(name, now);
         const size_t digest = std::hash<std::string>()(content);
-        const bool changed = e.haveDigest && e.digest != digest;
-        e.digest = digest;
-        e.haveDigest = true;
-        if (changed) {
-            e.liveAt = now;
+        // The rewrite came after the previous read: that is when the holder
+        // is known to have been alive.
+        if (e.haveRead && e.digest != digest && (!e.seenLive || e.readAt > e.liveAt)) {
+            e.liveAt = e.readAt;
             e.seenLive = true;
         }
-        return changed;
+        e.digest = digest;
+        e.readAt = now;
+        e.haveRead = true;
     }
     bool seenLiveRecently(const std::string& name) {
         std::lock_guard<std::mutex> g(m_);
         const auto it = files_.find(name);
         return it != files_.end() && it->second.seenLive && Steady::now() - it->second.liveAt < kSeenLiveSpan;
     }
+    bool readWithin(const std::string& name, Steady::duration span) {
+        std::lock_guard<std::mutex> g(m_);
+        const auto it = files_.find(name);
+        return it != files_.end() && it->second.haveRead && Steady::now() - it->second.readAt < span;
+    }
 
 private:
     struct Entry {
-        Steady::time_point liveAt, touched;
-        bool seenLive = false;
+        Steady::time_point readAt, liveAt;
         size_t digest = 0;
-        bool haveDigest = false;
+        bool haveRead = false, seenLive = false;
     };
     Entry& entry(const std::string& name, Steady::time_point now) {
         if (files_.size() >= kMaxRemembered && !files_.count(name)) forgetOld(now);
         if (files_.size() >= kMaxRemembered && !files_.count(name)) files_.clear();  // all recent: start over
-        Entry& e = files_[name];
-        e.touched = now;
-        return e;
+        return files_[name];
     }
-    // Forgetting only costs evidence of life, never invents it.
+    // A read or a sighting 30 s old is no evidence any more: forgetting it
+    // loses nothing.
     void forgetOld(Steady::time_point now) {
         for (auto it = files_.begin(); it != files_.end();)
-            it = now - it->second.touched >= kSeenLiveSpan ? files_.erase(it) : std::next(it);
+            it = now - it->second.readAt >= kSeenLiveSpan ? files_.erase(it) : std::next(it);
     }
     std::mutex m_;
     std::map<std::string, Entry> files_;
@@ -99,36 +105,45 @@ FileMemory& memory() {
     return *m;
 }
 
-// The verdict when no watch overturned it: live if the file was seen
+// Reads the content and remembers it.
+Read readAndRemember(ovAbstractFS& fs, const std::string& name) {
+    std::string content;
+    const Read r = readContent(fs, name, content);
+    if (r == Read::Present) memory().read(name, content);
+    return r;
+}
+
+// The verdict the reads did not overturn: live if the file was seen
 // changing within the staleness age, else stale.
 StaleCheck unconfirmed(const std::string& name) {
     return memory().seenLiveRecently(name) ? StaleCheck::Live : StaleCheck::Stale;
 }
 
-// No room to watch: one read still shows a rewrite since this process last
-// read the file. A missing or unreadable file proves nothing here.
-StaleCheck withoutWatch(ovAbstractFS& fs, const std::string& name) {
-    std::string content;
-    if (readContent(fs, name, content) == Read::Present && memory().readChanged(name, content))
-        return StaleCheck::Live;
-    return unconfirmed(name);
-}
-
 }  // namespace
+
+void keepRecentRead(ovAbstractFS& fs, const std::string& name) {
+    if (memory().readWithin(name, kKeepReadEvery)) return;
+    (void)readAndRemember(fs, name);  // a missing or unreadable file leaves nothing to compare with
+}
 
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const pt::ptime& deadline) {
     const pt::ptime start = pt::microsec_clock::local_time();
     pt::time_duration watch = kLongestWatch;
-    if (deadline.is_not_a_date_time() || deadline.is_neg_infinity()) return withoutWatch(fs, name);
-    if (!deadline.is_pos_infinity()) {
-        const pt::time_duration room = deadline - start;
-        if (room < kMinimumRoom) return withoutWatch(fs, name);
-        watch = std::min(watch, room);
+    bool room = !deadline.is_not_a_date_time() && !deadline.is_neg_infinity();
+    if (room && !deadline.is_pos_infinity()) {
+        room = deadline - start >= kMinimumRoom;
+        watch = std::min(watch, deadline - start);
+    }
+    if (!room) {
+        // One read still shows a rewrite since a recent earlier read; a
+        // missing or unreadable file proves nothing here.
+        (void)readAndRemember(fs, name);
+        return unconfirmed(name);
     }
 
-    // Each read is compared with the last one this process made of the file,
-    // in this watch or before it; a failed read is no evidence.
+    // Each read is compared with the one before it, in this watch or before;
+    // a failed read is no evidence.
     const pt::ptime end = start + watch;
     for (bool firstPass = true;; firstPass = false) {
         if (!firstPass) {
@@ -137,13 +152,12 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
             // Bounded by the watch span: at most watch / kPollEvery passes.
             boost::this_thread::sleep(pt::microsec_clock::universal_time() + std::min(kPollEvery, end - now));
         }
-        std::string content;
-        switch (readContent(fs, name, content)) {
+        switch (readAndRemember(fs, name)) {
             case Read::Missing: return StaleCheck::Gone;
             case Read::Unreadable: continue;
             case Read::Present: break;
         }
-        if (memory().readChanged(name, content)) return StaleCheck::Live;
+        if (memory().seenLiveRecently(name)) return StaleCheck::Live;
     }
     return unconfirmed(name);
 }

@@ -31,9 +31,10 @@ enum class StaleCheck {
 // means no limit.
 //
 // Every read is compared with the last read this process made of the same
-// file, in this call or an earlier one: a difference is a rewrite since then,
-// so Live. That lets a waiter whose deadline leaves no room still see, with
-// one read, that the holder it watched earlier is at work.
+// file, in this call or an earlier one (keepRecentRead below): a difference
+// from a read less than 30 s old is a refresh within the staleness age, so
+// Live. That lets a waiter whose deadline leaves no room still see, with one
+// read, that the holder it has been waiting for is at work.
 //
 // A file whose content was seen changing within the last 30 s (the staleness
 // age) cannot be stale yet, whatever its time says: a holder that stalls for
@@ -50,6 +51,13 @@ enum class StaleCheck {
 // boost::thread_interrupted, from its sleeps.
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const boost::posix_time::ptime& deadline);
+
+// Called when `name` was just judged not stale by its time: reads its content
+// if this process has not read it within the last 10 s. A waiter thus always
+// has a recent read to compare with when the file starts to look stale (a
+// caching client's time catching up) at a moment its deadline leaves no room
+// to watch. Costs one read per file per 10 s of waiting; never throws.
+void keepRecentRead(ovAbstractFS& fs, const std::string& name);
 
 }  // namespace detail
 

@@ -40,7 +40,10 @@ void ovDirectoryReadWriteLock::WriteLock::Impl::removeLockFileIfStale(const char
             // between the directory listing and this look. Nothing to remove.
             return;
         }
-        if (!stale) return;
+        if (!stale) {
+            detail::keepRecentRead(*fs, name);
+            return;
+        }
         // A client that caches attributes may see a live holder's file as
         // old; only content that stayed the same while watched confirms it.
         if (detail::confirmStale(*fs, name, deadline) != detail::StaleCheck::Stale) return;

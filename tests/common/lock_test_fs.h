@@ -4,6 +4,7 @@
 // The network file system with one thing changed; everything else is real.
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -44,6 +45,24 @@ public:
 
 private:
     long lag_;
+};
+
+// An attribute-caching client whose cached times catch up late: level files
+// look as they are until `staleFrom` (steady clock), a minute old after it.
+class CacheCatchesUpFS : public ovNetworkFS {
+public:
+    using ovAbstractFS::refreshLockFile;
+    explicit CacheCatchesUpFS(std::chrono::steady_clock::time_point staleFrom, const char* marker = "/.deploy_lock.")
+        : staleFrom_(staleFrom), marker_(marker) {}
+    time_t getFileLastModifiedTime(const char* path) override {
+        const bool lagging = std::string(path).find(marker_) != std::string::npos &&
+                             std::chrono::steady_clock::now() >= staleFrom_;
+        return ovNetworkFS::getFileLastModifiedTime(path) - (lagging ? 60 : 0);
+    }
+
+private:
+    std::chrono::steady_clock::time_point staleFrom_;
+    std::string marker_;
 };
 
 // Records exclusive creates; a test may refuse them or make the time query fail.

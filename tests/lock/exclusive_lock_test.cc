@@ -155,6 +155,23 @@ TEST(ExclusiveLockTakeOver, UntouchableStaleFileKeepsTheDeadline) {
     EXPECT_FALSE(pathExists(level(dir, 1))) << "queue file left behind";
 }
 
+// A waiter whose deadline is too near to watch when the cached time first
+// makes the live holder look stale still compares one read with the reads it
+// kept while the file looked fresh: no take-over.
+TEST(ExclusiveLockTakeOver, LiveHolderLookingStaleOnlyAtTheDeadlineIsKept) {
+    TempDir dir;
+    ovDirectoryExclusiveLock holder(dir.path(), "holder");
+    ASSERT_TRUE(holder.acquire());
+    const auto start = std::chrono::steady_clock::now();
+    auto cached = boost::make_shared<CacheCatchesUpFS>(start + std::chrono::milliseconds(2400));
+    ovDirectoryExclusiveLock waiter(dir.path(), "waiter", cached);
+    LogCapture staleLines(stale_log);
+    EXPECT_FALSE(waiter.acquire(pt::seconds(3)));
+    EXPECT_FALSE(staleLines.contains("stale lock detected")) << staleLines.text();
+    EXPECT_EQ(listDir(dir.path()), kOnlyLevel0);
+    EXPECT_TRUE(holder.release());
+}
+
 // A client that caches attributes sees a live holder's file a minute old
 // while its content keeps changing: never taken over. A dead holder still is,
 // once 30 s have passed since the waiter last saw that file change.

@@ -3,8 +3,12 @@
 // minute behind while the content keeps changing.
 #include <signal.h>
 
+#include <chrono>
+
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include "lock_test_fs.h"
 #include "rw_test_util.h"
 
 using boost::posix_time::seconds;
@@ -86,4 +90,29 @@ TEST(RwLockHardening, LaggingTimesNeverTakeOverALiveHolderButStillADeadOne) {
     EXPECT_LT(ovtest::monotonicSeconds() - t0, 45.0);
     EXPECT_EQ(0u, readLockCount(dir.path()));
     EXPECT_TRUE(writer.release());
+}
+
+// The cached time first makes the live holder look stale when the waiter's
+// deadline leaves no room to watch: the reads kept while the file looked
+// fresh still show it at work, for a waiting reader and a waiting writer.
+TEST(RwLockHardening, LiveHolderLookingStaleOnlyAtTheDeadlineIsKept) {
+    for (const char* mode : {"writer", "reader"}) {
+        SCOPED_TRACE(mode);
+        ovtest::TempDir dir, ctl;
+        ovtest::Child live = holder(dir.path(), mode, ctl);
+        const auto staleFrom = std::chrono::steady_clock::now() + std::chrono::milliseconds(2400);
+        ovDirectoryReadWriteLock lock(dir.path(), boost::make_shared<ovtest::CacheCatchesUpFS>(staleFrom, "/.deploy_"));
+        if (std::string(mode) == "writer") {
+            ReadLock reader = lock.getReadLock();
+            EXPECT_FALSE(reader.acquire(seconds(3)));
+            EXPECT_TRUE(writeLockExists(dir.path()));
+        } else {
+            WriteLock writer = lock.getWriteLock();
+            EXPECT_FALSE(writer.acquire(seconds(3)));
+            EXPECT_EQ(1u, readLockCount(dir.path()));
+            EXPECT_FALSE(writeLockExists(dir.path()));
+        }
+        ovtest::writeFile(ctl.file("go"));
+        EXPECT_EQ(0, live.wait(60));
+    }
 }

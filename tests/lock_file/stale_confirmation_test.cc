@@ -115,3 +115,18 @@ TEST(StaleConfirmation, RewriteSinceAnEarlierReadIsSeenWithoutRoomToWatch) {
     fs.script = [](int) { return -2; };
     EXPECT_EQ(detail::confirmStale(fs, "kept", inSeconds(0.5)), StaleCheck::Stale);
 }
+
+// While a file looks fresh, one read per 10 s is kept: the read a later
+// verdict without room to watch compares with.
+TEST(StaleConfirmation, ReadKeptWhileFreshIsWhatALateVerdictComparesWith) {
+    ScriptedFS fs;
+    fs.script = constant;
+    detail::keepRecentRead(fs, "fresh");
+    detail::keepRecentRead(fs, "fresh");
+    EXPECT_EQ(fs.reads, 1) << "more than one read per 10 s";
+    fs.script = [](int) { return 8; };
+    EXPECT_EQ(detail::confirmStale(fs, "fresh", inSeconds(0.5)), StaleCheck::Live);
+    fs.script = [](int) { return -2; };
+    detail::keepRecentRead(fs, "unreadable");  // no evidence, and no exception
+    EXPECT_EQ(detail::confirmStale(fs, "unreadable", inSeconds(0.5)), StaleCheck::Stale);
+}
