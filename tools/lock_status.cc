@@ -124,17 +124,17 @@ std::vector<LockFileInfo> collectLockFiles(const std::string& dir,
     // Ages are read off the file server's clock, measured once with a probe
     // file exactly as the staleness test does it, so `stale` here agrees with
     // what a waiting lock would decide.
-    const FileTimeCalibration toLocal(ovPathString(dir), microsec_clock::local_time() + seconds(5), fs);
+    const FileTimeCalibration toUtc(ovPathString(dir), ovSteadyNow() + seconds(5), fs);
     std::vector<LockFileInfo> judged;
     for (LockFileInfo& info : found) {
-        const ptime now = microsec_clock::local_time();
+        const ptime now = microsec_clock::universal_time();
         time_t modified;
         try {
             modified = fs->getFileLastModifiedTime(joinPath(dir, info.name).c_str());
         } catch (const ovFileNotFoundError&) {
             continue;  // released while we looked
         }
-        const ptime written = toLocal(static_cast<long>(modified));
+        const ptime written = toUtc(static_cast<long>(modified));
         info.ageSeconds = static_cast<long>((now - written).total_seconds());
         info.stale = written + seconds(kStaleSeconds) < now;
         judged.push_back(info);

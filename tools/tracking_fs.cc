@@ -120,7 +120,7 @@ std::vector<std::string> TrackingFS::removeOwned() {
     std::vector<std::string> left;
     for (const std::string& name : owned()) {
         const boost::posix_time::ptime deadline =
-            boost::posix_time::microsec_clock::local_time() + boost::posix_time::seconds(1);
+            ovSteadyNow() + boost::posix_time::seconds(1);
         try {
             inner_->removeFile(name, deadline);
         } catch (...) {

@@ -18,6 +18,7 @@
 
 #include "orvane/export.h"
 #include "orvane/path.h"
+#include "orvane/timer.h"
 
 // ---- Errors ----------------------------------------------------------------
 
@@ -71,6 +72,8 @@ enum ovOwnedRefreshResult {
     ovRefreshFailed           // gave up at the deadline
 };
 
+// Every deadline given to a slot below is on the library's steady time line:
+// compare it with ovSteadyNow() (orvane/timer.h), never with a calendar clock.
 class OV_API ovAbstractFS : private boost::noncopyable {
 public:
     virtual ~ovAbstractFS();
@@ -85,7 +88,7 @@ public:
     virtual bool removeFile(const std::string& name,
                             const boost::posix_time::ptime& deadline) = 0;
     // Rewrites the file (creating it if missing) so that its modification
-    // time and content change; retries until the local-time deadline.
+    // time and content change; retries until the deadline.
     virtual bool refreshLockFile(const std::string& name,
                                  const boost::posix_time::ptime& deadline) = 0;
     virtual time_t getFileLastModifiedTime(const char* path) = 0;

@@ -86,8 +86,11 @@ private:
     boost::shared_ptr<detail::LockLossState> loss;  // null for a no-refresh file
 };
 
-// One measurement of the file server's clock against the local one, made by
-// creating a probe file in the directory; translates file times to local time.
+// One measurement of the file server's clock against this host's universal
+// time, made by creating a probe file in the directory; translates file times
+// (64-bit seconds) to universal time. `deadline` is on the steady time line
+// (ovSteadyNow). A file time some 500 years or more from the probe's
+// translates to +/- infinity.
 class OV_API FileTimeCalibration {
 public:
     FileTimeCalibration(const ovPathString& dir, const boost::posix_time::ptime& deadline,
@@ -95,13 +98,18 @@ public:
     boost::posix_time::ptime operator()(long fileTime) const;
 
 private:
-    boost::posix_time::ptime localReference;
+    boost::posix_time::ptime utcReference;
     long fileReference;
     boost::shared_ptr<ovAbstractFS> fs;
 };
 
-// Is a lock file older than maxAgeSeconds by the file server's clock?
-// Calibrates lazily on first use (the deadline bounds that probing only).
+// Is a lock file older than maxAgeSeconds by the file server's clock? Also
+// true for a file dated more than maxAgeSeconds ahead of it (a server clock
+// stepped back, a hostile date): its age says nothing, and the locks judge
+// such a file by watching its content before they act on it.
+// Calibrates lazily on first use (the deadline, on the steady time line,
+// bounds that probing only), and again after this host's wall clock has been
+// set (universal time no longer keeps pace with the steady clock).
 // Not synchronised: callers serialise their own use.
 class OV_API ovLockFileIsStale {
 public:
@@ -112,6 +120,7 @@ public:
 private:
     ovPathString dir;
     boost::shared_ptr<boost::function1<boost::posix_time::ptime, long> > calibration;
+    boost::posix_time::time_duration utcMinusSteady;  // at calibration
     boost::shared_ptr<ovAbstractFS> fs;
 };
 

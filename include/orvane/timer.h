@@ -20,8 +20,15 @@ public:
     virtual void cancel() = 0;
 };
 
+// Now on the library's steady time line, as a ptime: every deadline the locks
+// compute, and every deadline they pass to a file system (ovAbstractFS), is
+// this plus a duration. It never jumps with the wall clock or the time zone
+// (daylight-saving time, a clock set by hand); it is not a calendar time.
+OV_API boost::posix_time::ptime ovSteadyNow();
+
 // Starts the task at once. With repeat, f runs at delay, 2*delay, ... after
-// the start (fixed rate: after an overrun the missed calls follow at once).
+// the start (fixed rate: after an overrun the missed calls follow at once),
+// measured on the steady clock.
 // Dropping the handle without cancel() does not stop the task.
 OV_API boost::shared_ptr<ovTimerTask> ovSetTimer(const boost::function0<void>& f,
                                                  boost::posix_time::time_duration delay,

@@ -18,7 +18,7 @@ ovAbstractFS::~ovAbstractFS() {}
 
 bool ovAbstractFS::refreshLockFile(const std::string& name) {
     // The form the lock file's timer binds: one second to get it done.
-    return refreshLockFile(name, detail::localNow() + boost::posix_time::seconds(1));
+    return refreshLockFile(name, detail::steadyNow() + boost::posix_time::seconds(1));
 }
 
 bool ovAbstractFS::readLockFileContent(const std::string& name, std::string& content) {

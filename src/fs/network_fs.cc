@@ -122,7 +122,7 @@ bool ovNetworkFS::removeFile(const std::string& name, const pt::ptime& deadline)
             // Only a busy file is worth waiting for; a missing file (or a
             // missing directory) is simply not removed.
             if (err != EBUSY) return false;
-            if (!(deadline > detail::localNow())) return false;
+            if (!(deadline > detail::steadyNow())) return false;
             detail::sleepFromNow(kDeadlinePause);
         }
     });
@@ -152,7 +152,7 @@ bool ovNetworkFS::refreshLockFile(const std::string& name, const pt::ptime& dead
         // Anything else may pass (a stale handle, a server hiccup): keep
         // trying until the deadline.
         detail::sleepFromNow(kDeadlinePause);
-        if (!(deadline > detail::localNow())) {
+        if (!(deadline > detail::steadyNow())) {
             warning << "FS_LOCK: failed to refresh lock file: " << name << std::endl;
             return false;
         }
@@ -192,7 +192,7 @@ ovOwnedRefreshResult ovNetworkFS::refreshOwnedLockFile(const std::string& name, 
         // EEXIST (recreated by someone else between our two opens) and any
         // transient failure: try again until the deadline.
         detail::sleepFromNow(kDeadlinePause);
-        if (!(deadline > detail::localNow())) {
+        if (!(deadline > detail::steadyNow())) {
             warning << "FS_LOCK: failed to refresh lock file: " << name << std::endl;
             return ovRefreshFailed;
         }

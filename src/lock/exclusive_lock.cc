@@ -17,6 +17,7 @@
 #include "lock/stale_confirmation.h"
 #include "orvane/exclusive_lock.h"
 #include "orvane/path.h"
+#include "timer/steady_clock.h"
 
 namespace pt = boost::posix_time;
 
@@ -36,13 +37,8 @@ const pt::time_duration kHolderRefresh = pt::seconds(1);
 const pt::time_duration kTidyJudgeRoom = pt::seconds(4);
 const pt::time_duration kTidyRemoveRoom = pt::seconds(1);
 
-pt::ptime localNow() { return pt::microsec_clock::local_time(); }
-
-// Sleeping until an absolute universal time makes every wait an interruption
-// point of the thread library.
-void sleepPollingCycle() {
-    boost::this_thread::sleep(pt::microsec_clock::universal_time() + kPollingCycle);
-}
+// Every wait is an interruption point of the thread library.
+void sleepPollingCycle() { detail::sleepFor(kPollingCycle); }
 
 // not-a-date-time has no meaning as a limit; it is taken as "do not wait".
 pt::time_duration sanitize(const pt::time_duration& timeout) {
@@ -62,13 +58,15 @@ public:
 
     // False when the flag stayed set until the timeout; nothing else happens then.
     bool enter(const pt::time_duration& timeout) {
-        const pt::ptime wakeUp = pt::microsec_clock::universal_time() + timeout;
+        const pt::ptime wakeUp = detail::steadyNow() + timeout;
         boost::unique_lock<boost::mutex> lock(mutex_);
         while (busy_) {
             if (timeout.is_pos_infinity()) {
                 condition_.wait(lock);
-            } else if (!condition_.timed_wait(lock, wakeUp)) {
-                return false;
+            } else {
+                const pt::time_duration left = wakeUp - detail::steadyNow();
+                if (left <= pt::time_duration(0, 0, 0, 0)) return false;
+                condition_.timed_wait(lock, left);  // relative: on the monotonic clock
             }
         }
         busy_ = true;
@@ -148,7 +146,7 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
         for (int n : levels) {
             current = lock.getLockFileName(n);
             try {
-                if (!staleTest(current.c_str(), kStaleAgeSeconds, localNow() + kTidyJudgeRoom))
+                if (!staleTest(current.c_str(), kStaleAgeSeconds, detail::steadyNow() + kTidyJudgeRoom))
                     continue;
             } catch (const ovFileNotFoundError&) {
                 continue;  // its waiter moved on or gave up meanwhile
@@ -156,13 +154,13 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
             // A fresh deadline after the judge (whose first use calibrates):
             // a watch cut short could pass a live file on a caching client as
             // stale. Live and Gone leave the file to its owner.
-            if (detail::confirmStale(fs, current, localNow() + kTidyJudgeRoom) !=
+            if (detail::confirmStale(fs, current, detail::steadyNow() + kTidyJudgeRoom) !=
                 detail::StaleCheck::Stale)
                 continue;
             stale_log << "FS_LOCK: removing stale lock " << current << std::endl;
             // Site 390: a file left by a dead waiter that the releasing
             // holder could not remove.
-            if (lock.removeLockFileWithTenacity(n, localNow() + kTidyRemoveRoom))
+            if (lock.removeLockFileWithTenacity(n, detail::steadyNow() + kTidyRemoveRoom))
                 stale_log << "FS_LOCK: removed stale lock " << current << std::endl;
             else
                 warning << "FS_LOCK: failed to remove " << current << "(390)" << std::endl;
@@ -187,7 +185,7 @@ int ovDirectoryExclusiveLock::queue(const pt::ptime& deadline) {
         } else {
             // Level 0 is tried whatever the deadline; a place further back is
             // worth taking only if there is time to wait in it.
-            if (n > 0 && deadline < localNow() + kPollingCycle) return -1;
+            if (n > 0 && deadline < detail::steadyNow() + kPollingCycle) return -1;
             verbose << "No lock found at level " << n << ".  Sleeping for one polling cycle..."
                     << std::endl;
             sleepPollingCycle();
@@ -206,7 +204,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
     return detail::onlyThrows<boost::thread_interrupted, ovFileAccessError, ovNoSuchDirectory,
                               ovPermissionDenied>([&] {
         const pt::time_duration timeout = sanitize(timeout_);
-        const pt::ptime deadline = localNow() + timeout;
+        const pt::ptime deadline = detail::steadyNow() + timeout;
         BusyScope scope(mutex, condition, busy);
         if (!scope.enter(timeout)) return false;
 
@@ -218,18 +216,18 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
 
         int L = queue(deadline);
 
-        if (L > 0 && localNow() < deadline) {
-            pt::ptime lastTouch = localNow();
+        if (L > 0 && detail::steadyNow() < deadline) {
+            pt::ptime lastTouch = detail::steadyNow();
             sleepPollingCycle();
             try {
                 while (L > 0) {
-                    if ((localNow() - lastTouch).total_microseconds() > kOwnFileRefreshMicros) {
+                    if ((detail::steadyNow() - lastTouch).total_microseconds() > kOwnFileRefreshMicros) {
                         (void)touchLockFile(L, deadline);
-                        lastTouch = localNow();
+                        lastTouch = detail::steadyNow();
                     }
                     verbose << ownerName << ": Trying to acquire level " << (L - 1) << std::endl;
                     if (createLockFileExclusive(L - 1)) {
-                        lastTouch = localNow();
+                        lastTouch = detail::steadyNow();
                         verbose << ownerName << ": Success! removing level " << L << std::endl;
                         if (!removeLockFileWithTenacity(L, deadline))
                             warning << "FS_LOCK: failed to remove " << getLockFileName(L)
@@ -247,7 +245,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                         stale = staleTest(below.c_str(), kStaleAgeSeconds, deadline);
                     } catch (const ovFileNotFoundError&) {
                         // Released between our create and the query: try again at once.
-                        if (localNow() < deadline) continue;
+                        if (detail::steadyNow() < deadline) continue;
                         break;
                     }
                     if (stale) {
@@ -256,7 +254,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                         // with each refresh. Watch it before acting.
                         const detail::StaleCheck check = detail::confirmStale(*fs, below, deadline);
                         if (check == detail::StaleCheck::Gone) {
-                            if (localNow() < deadline) continue;
+                            if (detail::steadyNow() < deadline) continue;
                             break;
                         }
                         if (check == detail::StaleCheck::Live) stale = false;
@@ -264,7 +262,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                         detail::keepRecentRead(*fs, below);
                     }
                     if (!stale) {
-                        if (deadline <= localNow()) break;
+                        if (deadline <= detail::steadyNow()) break;
                         verbose << ownerName << ": Sleeping" << std::endl;
                         sleepPollingCycle();
                         continue;
@@ -274,7 +272,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                     // Touching takes the stale file over: freshly stamped, it
                     // now counts as this contender's own.
                     if (touchLockFile(L - 1, deadline)) {
-                        lastTouch = localNow();
+                        lastTouch = detail::steadyNow();
                         if (!removeLockFileWithTenacity(L, deadline))
                             warning << "FS_LOCK: failed to remove " << getLockFileName(L)
                                     << "(343)" << std::endl;
@@ -293,7 +291,7 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
                     // Neither touchable nor removable (say a directory in its
                     // place): without this the loop would spin at full CPU and
                     // ignore the deadline.
-                    if (deadline <= localNow()) break;
+                    if (deadline <= detail::steadyNow()) break;
                     sleepPollingCycle();
                 }
             } catch (const ovFileBasedLockError& e) {

@@ -9,6 +9,7 @@
 
 #include "common/only_throws.h"
 #include "orvane/exclusive_lock.h"
+#include "timer/steady_clock.h"
 
 namespace pt = boost::posix_time;
 
@@ -58,13 +59,13 @@ bool ovDirectoryExclusiveLock::removeLockFileWithTenacity(int level,
 bool ovDirectoryExclusiveLock::removeLockFileWithTenacity(int level) const {
     return detail::onlyThrows<boost::thread_interrupted, ovPermissionDenied>([&] {
         return fs->removeFile(getLockFileName(level),
-                              pt::microsec_clock::local_time() + pt::seconds(1));
+                              detail::steadyNow() + pt::seconds(1));
     });
 }
 
 bool ovDirectoryExclusiveLock::removeLockFile(int level) const {
     // A deadline that has already come: one attempt only.
     return detail::onlyThrows<boost::thread_interrupted, ovPermissionDenied>([&] {
-        return fs->removeFile(getLockFileName(level), pt::microsec_clock::local_time());
+        return fs->removeFile(getLockFileName(level), detail::steadyNow());
     });
 }

@@ -8,6 +8,7 @@
 
 #include "fs/error_messages.h"
 #include "orvane/lock_file.h"
+#include "timer/steady_clock.h"
 
 namespace pt = boost::posix_time;
 
@@ -63,12 +64,13 @@ std::string probeName(const pt::ptime& t0, const ovPathString& dir) {
 
 FileTimeCalibration::FileTimeCalibration(const ovPathString& dir, const pt::ptime& deadline,
                                          const boost::shared_ptr<ovAbstractFS>& fs_)
-    : localReference(pt::not_a_date_time), fileReference(0), fs(fs_ ? fs_ : ovGetDefaultFSImp()) {
+    : utcReference(pt::not_a_date_time), fileReference(0), fs(fs_ ? fs_ : ovGetDefaultFSImp()) {
     if (!fs->isDir(dir.c_str()))
         throw ovNoSuchDirectory(std::string(detail::kNoSuchDirectoryPrefix) + dir.str());
 
     for (long attempts = 0;; ++attempts) {
-        const pt::ptime t0 = pt::microsec_clock::local_time();
+        const pt::ptime t0 = detail::utcNow();
+        const pt::ptime attemptedAt = detail::steadyNow();
         // The path class normalizes the doubled separator of a directory
         // given with a trailing one, so exactly one separator precedes the name.
         const ovPathString probe(
@@ -77,21 +79,23 @@ FileTimeCalibration::FileTimeCalibration(const ovPathString& dir, const pt::ptim
         if (fs->createFile(probePath.c_str())) {
             ProbeRemover remover(*fs, probePath, deadline);
             fileReference = static_cast<long>(fs->getFileLastModifiedTime(probePath.c_str()));
-            localReference = t0;
+            utcReference = t0;
             remover.remove();
             return;
         }
         // One attempt is always made, even past the deadline.
-        if (deadline <= t0 || attempts == kMaxAttempts)
+        if (deadline <= attemptedAt || attempts == kMaxAttempts)
             throw ovFileAccessError(std::string(detail::kFileAccessPrefix) +
                                     " Could not create unique file in " + dir.str());
     }
 }
 
 pt::ptime FileTimeCalibration::operator()(long fileTime) const {
-    // The difference is taken on the low 32 bits: it wraps for times about 68
-    // years apart, which keeps the arithmetic below free of overflow.
-    const int32_t d = static_cast<int32_t>(static_cast<uint32_t>(fileTime) -
-                                           static_cast<uint32_t>(fileReference));
-    return localReference + pt::seconds(d);  // special values stay special
+    // 64-bit throughout: no date wraps round to "long ago". Beyond the limit
+    // the calendar itself would overflow; such a date is simply far off.
+    const int64_t kFar = 500LL * 366 * 24 * 3600;
+    const int64_t d = static_cast<int64_t>(fileTime) - static_cast<int64_t>(fileReference);
+    if (d > kFar) return pt::ptime(pt::pos_infin);
+    if (d < -kFar) return pt::ptime(pt::neg_infin);
+    return utcReference + pt::seconds(static_cast<long>(d));  // special values stay special
 }

@@ -7,6 +7,7 @@
 
 #include "common/only_throws.h"
 #include "lock/lock_loss_state.h"
+#include "timer/steady_clock.h"
 
 namespace pt = boost::posix_time;
 
@@ -17,7 +18,7 @@ namespace {
 // Each refresh, and the removal at the end, may take up to this long.
 const pt::time_duration kFileDeadline = pt::seconds(1);
 
-pt::ptime fileDeadline() { return pt::microsec_clock::local_time() + kFileDeadline; }
+pt::ptime fileDeadline() { return detail::steadyNow() + kFileDeadline; }
 
 // One refresh of an owned file, checked first. Runs on the timer thread and
 // touches only the shared state, the file system and the name.

@@ -66,7 +66,7 @@ ovDirectoryReadWriteLock::ReadLock::Impl::judgeWriteLock(const std::string& writ
             break;
     }
     // A failed removal is not looked at again: the writer is dead either way.
-    const bool removed = fs->removeFile(writeLockPath, detail::localNow() + boost::posix_time::seconds(1));
+    const bool removed = fs->removeFile(writeLockPath, detail::steadyNow() + boost::posix_time::seconds(1));
     return removed ? NoWriter : DeadWriterKept;
 }
 
@@ -90,7 +90,7 @@ bool ovDirectoryReadWriteLock::ReadLock::Impl::writerCameMeanwhile(const std::st
 
 bool ovDirectoryReadWriteLock::ReadLock::Impl::acquire(const time_duration& timeout,
                                                        bool noRefresh) {
-    const ptime deadline = detail::localNow() + timeout - boost::posix_time::microseconds(5000);
+    const ptime deadline = detail::steadyNow() + timeout - boost::posix_time::microseconds(5000);
     detail::HandleMutexGuard guard(mutex, timeout);
     if (!guard.owns()) return false;
     const std::string writeLockPath = detail::joinLockName(directory, WRITE_LOCK_BASE);
@@ -115,7 +115,7 @@ bool ovDirectoryReadWriteLock::ReadLock::Impl::acquire(const time_duration& time
             if (!acquired || writer == DeadWriterKept || !writerCameMeanwhile(writeLockPath)) break;
             acquired = false;
         }
-        if (detail::localNow() > deadline) break;
+        if (detail::steadyNow() > deadline) break;
         // Sleeping with the exclusive lock still held is how the protocol
         // paces itself; the pass gives it back right after.
         detail::sleepOnePollingCycle();

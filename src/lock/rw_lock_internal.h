@@ -22,6 +22,7 @@
 #include "orvane/lock_file.h"
 #include "orvane/path_string.h"
 #include "orvane/rw_lock.h"
+#include "timer/steady_clock.h"
 
 namespace detail {
 
@@ -32,15 +33,8 @@ decltype(auto) rwLockOnlyThrows(F&& body) {
                       ovNoSuchDirectory>(std::forward<F>(body));
 }
 
-inline boost::posix_time::ptime localNow() {
-    return boost::posix_time::microsec_clock::local_time();
-}
-
 // One polling cycle; an interruption point like every wait of the library.
-inline void sleepOnePollingCycle() {
-    boost::this_thread::sleep(boost::posix_time::microsec_clock::universal_time() +
-                              boost::posix_time::microseconds(5000));
-}
+inline void sleepOnePollingCycle() { sleepFor(boost::posix_time::microseconds(5000)); }
 
 // `dir` with `name` appended as one more component; an empty name still
 // yields the directory with a trailing separator.
@@ -81,7 +75,7 @@ inline boost::shared_ptr<ovLockFile> holdCreatedFile(const std::string& name, bo
         }
     } catch (...) {
         try {
-            fs->removeFile(name, localNow() + boost::posix_time::seconds(1));
+            fs->removeFile(name, steadyNow() + boost::posix_time::seconds(1));
         } catch (...) {
         }
         throw;
@@ -90,8 +84,8 @@ inline boost::shared_ptr<ovLockFile> holdCreatedFile(const std::string& name, bo
     return file;
 }
 
-// Holds a handle's timed mutex, taken with the absolute limit universal now
-// + timeout (no limit for an infinite timeout), and gives it back on every
+// Holds a handle's timed mutex, waited for at most `timeout` by the steady
+// clock (no limit for an infinite timeout), and gives it back on every
 // way out.
 class HandleMutexGuard {
 public:
@@ -103,7 +97,7 @@ public:
             // not-a-date-time or minus infinity: no time at all
             lock_.try_lock();
         } else {
-            lock_.timed_lock(boost::posix_time::microsec_clock::universal_time() + timeout);
+            lock_.timed_lock(timeout);  // relative: on the monotonic clock
         }
     }
     bool owns() const { return lock_.owns_lock(); }
@@ -156,7 +150,7 @@ struct RwHandleState {
 class ExclusivePass {
 public:
     ExclusivePass(ovDirectoryExclusiveLock& lock, const boost::posix_time::ptime& deadline)
-        : lock_(lock), held_(lock.acquire(deadline - localNow(), false)) {}
+        : lock_(lock), held_(lock.acquire(deadline - steadyNow(), false)) {}
     ~ExclusivePass() {
         if (!held_) return;
         try {

@@ -9,6 +9,8 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
 
+#include "timer/steady_clock.h"
+
 namespace detail {
 
 namespace {
@@ -128,7 +130,7 @@ void keepRecentRead(ovAbstractFS& fs, const std::string& name) {
 
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const pt::ptime& deadline) {
-    const pt::ptime start = pt::microsec_clock::local_time();
+    const pt::ptime start = steadyNow();
     pt::time_duration watch = kLongestWatch;
     bool room = !deadline.is_not_a_date_time() && !deadline.is_neg_infinity();
     if (room && !deadline.is_pos_infinity()) {
@@ -147,10 +149,10 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
     const pt::ptime end = start + watch;
     for (bool firstPass = true;; firstPass = false) {
         if (!firstPass) {
-            const pt::ptime now = pt::microsec_clock::local_time();
+            const pt::ptime now = steadyNow();
             if (now >= end) break;
             // Bounded by the watch span: at most watch / kPollEvery passes.
-            boost::this_thread::sleep(pt::microsec_clock::universal_time() + std::min(kPollEvery, end - now));
+            sleepFor(std::min(kPollEvery, end - now));
         }
         switch (readAndRemember(fs, name)) {
             case Read::Missing: return StaleCheck::Gone;

@@ -27,8 +27,8 @@ enum class StaleCheck {
 // (fresh open) and watch it for up to min(~3.5 s, remaining), polling every
 // ~100 ms with interruptible boost sleeps: changed content -> Live, file gone
 // -> Gone, unchanged -> Stale. With too little room, read it once only.
-// `deadline` is a local time, as everywhere in the locking code; pos_infin
-// means no limit.
+// `deadline` is on the steady time line, as everywhere in the locking code;
+// pos_infin means no limit.
 //
 // Every read is compared with the last read this process made of the same
 // file, in this call or an earlier one (keepRecentRead below): a difference

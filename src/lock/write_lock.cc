@@ -72,7 +72,7 @@ ovDirectoryReadWriteLock::WriteLock::Impl::Outcome ovDirectoryReadWriteLock::Wri
 
 bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& timeout,
                                                         bool noRefresh) {
-    const ptime deadline = detail::localNow() + timeout - boost::posix_time::microseconds(5000);
+    const ptime deadline = detail::steadyNow() + timeout - boost::posix_time::microseconds(5000);
     detail::HandleMutexGuard guard(mutex, timeout);
     if (!guard.owns()) return false;
 
@@ -102,7 +102,7 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
             acquired = outcome == Held;
             if (outcome != Busy) break;
         }
-        if (detail::localNow() > deadline) break;
+        if (detail::steadyNow() > deadline) break;
         detail::sleepOnePollingCycle();
     }
     if (acquired) count = 1;
@@ -122,7 +122,7 @@ ovDirectoryReadWriteLock::ReadLock ovDirectoryReadWriteLock::WriteLock::Impl::do
         readFile.reset(new ovLockFile(created.second, lockFile->getRefreshInterval(), fs));
     } catch (...) {
         try {
-            fs->removeFile(created.second, detail::localNow() + boost::posix_time::seconds(1));
+            fs->removeFile(created.second, detail::steadyNow() + boost::posix_time::seconds(1));
         } catch (...) {
         }
         throw;

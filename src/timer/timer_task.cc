@@ -3,6 +3,8 @@
 
 #include "timer/timer_task_impl.h"
 
+#include "timer/steady_clock.h"
+
 #include <boost/bind/bind.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/function/function_base.hpp>
@@ -47,13 +49,11 @@ void sleep_then_call(const boost::function0<void>& f, const pt::ptime& deadline)
     // An interruption that arrived while the previous call of f ran (and f
     // never slept) ends the task here rather than after one more call.
     boost::this_thread::interruption_point();
-    pt::ptime now = pt::microsec_clock::local_time();
+    pt::ptime now = detail::steadyNow();
     while (now < deadline) {
-        const pt::time_duration remaining = deadline - now;
-        // Absolute wake-up on the universal clock; an early wake-up just
-        // sleeps again for what is left.
-        boost::this_thread::sleep(pt::microsec_clock::universal_time() + remaining);
-        now = pt::microsec_clock::local_time();
+        // An early wake-up just sleeps again for what is left.
+        detail::sleepFor(deadline - now);
+        now = detail::steadyNow();
     }
     if (f.empty()) throw boost::bad_function_call();
     f();
@@ -62,7 +62,7 @@ void sleep_then_call(const boost::function0<void>& f, const pt::ptime& deadline)
 void run_task_function_once(const boost::function0<void>& f, const pt::time_duration& delay,
                             const boost::shared_ptr<bool volatile>& flag) {
     try {
-        const pt::ptime deadline = pt::microsec_clock::local_time() + delay;
+        const pt::ptime deadline = detail::steadyNow() + delay;
         sleep_then_call(f, deadline);
     } catch (...) {
         // Cancel, an exception from f or an empty f: the owner learns of it
@@ -74,7 +74,7 @@ void run_task_function_once(const boost::function0<void>& f, const pt::time_dura
 void repeat_until_interrupted(const boost::function0<void>& f, const pt::time_duration& period,
                               const boost::shared_ptr<bool volatile>& flag) {
     try {
-        pt::ptime next = pt::microsec_clock::local_time() + period;
+        pt::ptime next = detail::steadyNow() + period;
         for (;;) {
             sleep_then_call(f, next);
             // Fixed rate: the next deadline follows the previous deadline, not

@@ -31,7 +31,7 @@ private:
 
 namespace detail {
 
-// Waits until the local-time deadline (every wait an interruption point),
+// Waits until the deadline on the steady time line (every wait an interruption point),
 // then calls f. An empty f throws boost::bad_function_call.
 void sleep_then_call(const boost::function0<void>& f, const boost::posix_time::ptime& deadline);
 

@@ -15,6 +15,7 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include "orvane/timer.h"
 #include "test_support.h"
 
 namespace ovtest {
@@ -59,8 +60,7 @@ inline std::vector<std::string> listDir(const std::string& dir) {
 
 // A deadline `s` seconds from now, as the lock code takes it.
 inline boost::posix_time::ptime inSeconds(double s) {
-    return boost::posix_time::microsec_clock::local_time() +
-           boost::posix_time::microseconds(static_cast<long>(s * 1e6));
+    return ovSteadyNow() + boost::posix_time::microseconds(static_cast<long>(s * 1e6));
 }
 
 }  // namespace ovtest

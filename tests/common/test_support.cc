@@ -235,3 +235,25 @@ double monotonicSeconds() {
 }
 
 }  // namespace ovtest
+
+namespace ovtest {
+
+std::string tzRuleSwitchingIn(double seconds, bool dstStarts) {
+    // Julian day "Jn" counts 1..365 and never Feb 29; the switch time is given
+    // in the local time in force before it (standard: UTC; summer: UTC+1).
+    time_t at = ::time(nullptr) + static_cast<time_t>(seconds) + (dstStarts ? 0 : 3600);
+    struct tm t;
+    gmtime_r(&at, &t);
+    int day = t.tm_yday + 1;
+    const int y = t.tm_year + 1900;
+    const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+    if (leap && t.tm_yday >= 59) day -= 1;
+    char when[32];
+    std::snprintf(when, sizeof when, "J%d/%02d:%02d:%02d", day, t.tm_hour, t.tm_min, t.tm_sec);
+    // The other switch far away, so that only this one happens during a test.
+    const std::string other = day > 180 ? "J1/0" : "J365/23:59:59";
+    return dstStarts ? "STD0DST-1," + std::string(when) + "," + other
+                     : "STD0DST-1," + other + "," + std::string(when);
+}
+
+}  // namespace ovtest

@@ -88,6 +88,11 @@ constexpr uid_t kUnprivilegedId = 65534;
 // Monotonic seconds, for generous time bounds in tests.
 double monotonicSeconds();
 
+// A POSIX TZ rule (zone one hour ahead in summer) whose daylight-saving time
+// starts (dstStarts) or ends `seconds` from now: local time jumps an hour
+// forward or back then. For a child process: setenv("TZ", ...) and tzset().
+std::string tzRuleSwitchingIn(double seconds, bool dstStarts);
+
 }  // namespace ovtest
 
 #endif

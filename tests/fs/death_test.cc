@@ -54,7 +54,7 @@ TEST(ClosedLists, ExceptionsOutsideTheListEndTheProcess) {
         {
             dropPrivileges();
             failAllocations = true;  // EACCES, then its message cannot be built
-            fs.removeFile(f, pt::microsec_clock::local_time() + pt::seconds(5));
+            fs.removeFile(f, ovSteadyNow() + pt::seconds(5));
         },
         "bad_alloc");
 }

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     if (argc < 4) return 2;
     const std::string path = argv[3];
     const long ms = argc > 4 ? std::atol(argv[4]) : -1;
-    const pt::ptime start = pt::microsec_clock::local_time();
+    const pt::ptime start = ovSteadyNow();
     const pt::ptime deadline = ms < 0 ? pt::ptime(pt::pos_infin) : start + pt::milliseconds(ms);
     ovNetworkFS fs;
     std::string result;
@@ -56,6 +56,6 @@ int main(int argc, char** argv) {
     } else {
         return 2;
     }
-    std::cout << result << "\nelapsed_ms " << (pt::microsec_clock::local_time() - start).total_milliseconds() << "\n";
+    std::cout << result << "\nelapsed_ms " << (ovSteadyNow() - start).total_milliseconds() << "\n";
     return 0;
 }

@@ -30,7 +30,7 @@ namespace {
 const std::string kNoDir = "throw ovNoSuchDirectory|Tried to obtain a lock on a non-existent directory: ";
 const std::string kNoPerm = "throw ovPermissionDenied|Tried to obtain a lock on a directory without write permission: ";
 
-pt::ptime in(double seconds) { return pt::microsec_clock::local_time() + pt::milliseconds(long(seconds * 1000)); }
+pt::ptime in(double seconds) { return ovSteadyNow() + pt::milliseconds(long(seconds * 1000)); }
 
 uint32_t counterIn(const std::string& path) {
     const std::string content = ovtest::readFile(path);

@@ -20,7 +20,7 @@ namespace pt = boost::posix_time;
 
 namespace {
 
-pt::ptime in(int seconds) { return pt::microsec_clock::local_time() + pt::seconds(seconds); }
+pt::ptime in(int seconds) { return ovSteadyNow() + pt::seconds(seconds); }
 
 // Forwards everything to a network file system, overriding none of the
 // owned refresh: the interface's own default runs, through these slots.

@@ -45,9 +45,12 @@ TEST_P(ServerClock, AgeIsJudgedStrictlyByTheServersClock) {
         double age;
         long limit;
         bool stale;
-    } cases[] = {{0, 30, false},    {29, 30, false},       {31.5, 30, true},
-                 {-3600, 30, false}, {0, -5, true},        {0, LONG_MAX, false},
-                 {0, LONG_MIN, true}};
+    } cases[] = {{0, 30, false},     {29, 30, false}, {31.5, 30, true}, {0, -5, true},
+                 {0, LONG_MAX, false}, {0, LONG_MIN, true},
+                 // Dated ahead by more than the limit (a server clock stepped
+                 // back, or 32-bit wrap-around bait): a candidate, which the
+                 // locks then judge by watching its content.
+                 {-20, 30, false},    {-3600, 30, true}, {-70.0 * 365 * 86400, 30, true}};
     for (const auto& c : cases) {
         ageFile(f, c.age);
         EXPECT_EQ(isStale(f.c_str(), c.limit, inSeconds(5)), c.stale) << c.age << " " << c.limit;
@@ -95,14 +98,40 @@ TEST(Staleness, ProbeCreationGivesUpByDeadlineOrAfter1001Attempts) {
     EXPECT_EQ(fs->created().size(), 1u + 1001u);
 }
 
-TEST(Staleness, CalibrationTranslatesFileTimesOn32Bits) {
+TEST(Staleness, CalibrationTranslatesFileTimesToUniversalTime) {
     TempDir dir;
     const FileTimeCalibration cal(ovPathString(dir.path()), inSeconds(5), ovGetDefaultFSImp());
     EXPECT_TRUE(listDir(dir.path()).empty());
     const long now = static_cast<long>(::time(nullptr));
     const pt::ptime base = cal(now);
-    EXPECT_LT(std::abs((base - pt::microsec_clock::local_time()).total_seconds()), 3);
+    EXPECT_LT(std::abs((base - pt::microsec_clock::universal_time()).total_seconds()), 3);
     EXPECT_EQ(cal(now + 10) - base, pt::seconds(10));
     EXPECT_EQ(cal(now - 10) - base, pt::seconds(-10));
-    EXPECT_EQ(cal(now + (1L << 32)), base) << "only the low 32 bits count";
+    EXPECT_EQ(cal(now + (1L << 32)) - base, pt::seconds(1L << 32)) << "64-bit file times";
+}
+
+// Local time jumping an hour (daylight-saving time starting or ending) between
+// two looks must not change a file's age: ages are on the universal clock.
+TEST(Staleness, LocalTimeJumpsDoNotAgeOrRejuvenateFiles) {
+    for (bool dstStarts : {true, false}) {
+        const std::string rule = tzRuleSwitchingIn(1.0, dstStarts);
+        TempDir dir;
+        const std::string fresh = dir.file("fresh"), old = dir.file("old");
+        Child child = forkChild([&] {
+            setenv("TZ", rule.c_str(), 1);
+            tzset();
+            ovLockFileIsStale isStale(ovPathString(dir.path()), ovGetDefaultFSImp());
+            writeFile(fresh, "x");
+            writeFile(old, "x");
+            ageFile(old, 40);
+            if (isStale(fresh.c_str(), 30, inSeconds(5)) || !isStale(old.c_str(), 30, inSeconds(5))) return 1;
+            usleep(2000000);
+            writeFile(fresh, "y");
+            ageFile(old, 40);
+            if (isStale(fresh.c_str(), 30, inSeconds(5))) return 2;
+            if (!isStale(old.c_str(), 30, inSeconds(5))) return 3;
+            return 0;
+        });
+        EXPECT_EQ(child.wait(30), 0) << rule;
+    }
 }

@@ -140,3 +140,22 @@ TEST(Timer, DroppedHandleLeavesTheTaskRunning) {
     stop = true;
     EXPECT_TRUE(waitUntil([&] { return ovtest::countThreads() == threadsBefore; }, 10));
 }
+
+// Local time jumping an hour back (daylight-saving time ending) must not stall
+// a repeating task: a lock file's refresh runs on one.
+TEST(Timer, KeepsItsRateWhenLocalTimeJumps) {
+    for (bool dstStarts : {false, true}) {
+        const std::string rule = ovtest::tzRuleSwitchingIn(1.0, dstStarts);
+        ovtest::Child child = ovtest::forkChild([&] {
+            setenv("TZ", rule.c_str(), 1);
+            tzset();
+            std::atomic<int> n{0};
+            auto task = ovSetTimer([&] { ++n; }, pt::milliseconds(100), true);
+            std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+            task->cancel();
+            // 30 calls due; a burst of catch-up calls would be as wrong as none.
+            return n >= 20 && n <= 32 ? 0 : 10 + std::min(n.load(), 100);
+        });
+        EXPECT_EQ(child.wait(30), 0) << rule;
+    }
+}
