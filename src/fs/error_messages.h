@@ -20,6 +20,7 @@ constexpr const char kReasonOpen[] = " (reason: ";
 constexpr const char kReasonClose[] = ")";
 // Likewise for a lock file whose content could not be read.
 constexpr const char kReadFailed[] = "Reading failed on ";
+constexpr const char kWriteFailed[] = "Writing failed on ";
 
 }  // namespace detail
 

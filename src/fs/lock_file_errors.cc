@@ -30,4 +30,9 @@ void throwIfNoDirectoryOrNoPermission(const std::string& path, int err) {
     if (err == EACCES) throwPermissionDenied(path);
 }
 
+void throwIfOutOfSpace(const std::string& path, int err) {
+    if (err == ENOSPC || err == EDQUOT)
+        throwFileAccess(kWriteFailed + path + kReasonOpen + errorText(err) + kReasonClose);
+}
+
 }  // namespace detail

@@ -20,6 +20,12 @@ namespace detail {
 // then EACCES is a missing permission. Returns for every other error.
 void throwIfNoDirectoryOrNoPermission(const std::string& path, int err);
 
+// A lock file that cannot be written for want of room (ENOSPC, EDQUOT) will
+// not be writable a moment later either: "Writing failed on <path> (reason:
+// <error text>)" at once, instead of retrying until a deadline and holding a
+// lock whose file no refresh can renew. Returns for every other error.
+void throwIfOutOfSpace(const std::string& path, int err);
+
 }  // namespace detail
 
 #endif

@@ -86,7 +86,9 @@ bool ovNetworkFS::rmSubFolderTree(const char* path) { return ovRemoveRF(path); }
 
 bool ovNetworkFS::fileExists(const char* path) {
     return detail::onlyThrows<ovNoSuchDirectory>([&] {
-        if (ovFileExists(path)) return true;
+        // Anything at the name counts, a dangling link included: junk there
+        // blocks an exclusive create just as a lock file does.
+        if (detail::entryPresent(path) == 0) return true;
         // A lock file is reported missing only while its directory is there.
         const std::string name = text(path);
         if (detail::parentIsDirectory(name)) return false;
@@ -149,6 +151,14 @@ bool ovNetworkFS::refreshLockFile(const std::string& name, const pt::ptime& dead
             }
         }
         detail::throwIfNoDirectoryOrNoPermission(name, err);
+        detail::throwIfOutOfSpace(name, err);
+        // Not a lock file (a link, a FIFO, a directory), or created by
+        // someone else just now: nothing of ours to touch, and waiting
+        // will not change that.
+        if (err == detail::kNotRegularFile || err == EEXIST) {
+            warning << "FS_LOCK: failed to refresh lock file: " << name << std::endl;
+            return false;
+        }
         // Anything else may pass (a stale handle, a server hiccup): keep
         // trying until the deadline.
         detail::sleepFromNow(kDeadlinePause);
@@ -171,6 +181,9 @@ ovOwnedRefreshResult ovNetworkFS::refreshOwnedLockFile(const std::string& name, 
             detail::sleepFromNow(kAccessRetryPause);
             err = openOwned(name, fd, recreated);
         }
+        // Something else at the name now (a link, a FIFO, a directory): not
+        // our file, and never to be written through.
+        if (err == detail::kNotRegularFile) return ovRefreshFoundRewritten;
         if (err == 0) {
             // Check and write through the same descriptor: what is checked is
             // the file that gets written, even if the name is replaced meanwhile.
@@ -187,8 +200,11 @@ ovOwnedRefreshResult ovNetworkFS::refreshOwnedLockFile(const std::string& name, 
                 verbose << "Lock successfully refreshed" << std::endl;
                 return recreated ? ovRefreshFoundMissing : ovRefreshedOwned;
             }
+            // A file we just made but cannot fill is no lock: take it away.
+            if (recreated && (err == ENOSPC || err == EDQUOT)) (void)detail::removePath(name.c_str());
         }
         detail::throwIfNoDirectoryOrNoPermission(name, err);
+        detail::throwIfOutOfSpace(name, err);
         // EEXIST (recreated by someone else between our two opens) and any
         // transient failure: try again until the deadline.
         detail::sleepFromNow(kDeadlinePause);

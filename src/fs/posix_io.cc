@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,15 +20,32 @@ namespace {
 // decides, as for any file the caller creates.
 constexpr mode_t kLockFileMode = 0777;
 
-int openRetryingEintr(const char* path, int flags, mode_t mode, ScopedFd& fd) {
+bool isRegularOrMissing(const char* path) {
+    struct stat st;
+    return ::lstat(path, &st) != 0 || S_ISREG(st.st_mode);
+}
+
+// Every open of a lock file: never through a symbolic link (another user may
+// put one at a lock name, pointing anywhere root can write), never blocking
+// (a FIFO or device in its place must not hang us), never inherited, and only
+// ever of a regular file. Anything else at the name is kNotRegularFile,
+// whatever error the open itself gave (ELOOP, EISDIR, ENXIO, ...).
+int openLockFile(const char* path, int flags, mode_t mode, ScopedFd& fd) {
     if (!path) return EFAULT;
     for (;;) {
-        const int r = ::open(path, flags | O_CLOEXEC, mode);
-        if (r >= 0) {
-            fd.reset(r);
-            return 0;
+        const int r = ::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            const int err = errno;
+            return err == EEXIST || isRegularOrMissing(path) ? err : kNotRegularFile;
         }
-        if (errno != EINTR) return errno;
+        fd.reset(r);
+        struct stat st;
+        if ((flags & O_EXCL) == 0 && (::fstat(r, &st) != 0 || !S_ISREG(st.st_mode))) {
+            fd.reset();
+            return kNotRegularFile;
+        }
+        return 0;
     }
 }
 
@@ -42,7 +60,7 @@ constexpr int kLostRaceRetries = 8;
 int exclusiveCreate(const char* path, int access, ScopedFd& fd) {
     int err = 0;
     for (int attempt = 0; attempt <= kLostRaceRetries; ++attempt) {
-        err = openRetryingEintr(path, access | O_CREAT | O_EXCL, kLockFileMode, fd);
+        err = openLockFile(path, access | O_CREAT | O_EXCL, kLockFileMode, fd);
         if (err != EPERM) return err;
         struct stat st;
         if (::lstat(path, &st) == 0) return EEXIST;
@@ -63,12 +81,13 @@ int openExclusiveCreate(const char* path, ScopedFd& fd) {
 }
 
 int openForRewrite(const char* path, ScopedFd& fd) {
-    return openRetryingEintr(path, O_WRONLY | O_CREAT, kLockFileMode, fd);
+    const int err = openLockFile(path, O_WRONLY, 0, fd);
+    // A missing file is created exclusively: if another process created it
+    // meanwhile, it is theirs, and EEXIST says so.
+    return err == ENOENT ? exclusiveCreate(path, O_WRONLY, fd) : err;
 }
 
-int openExistingForUpdate(const char* path, ScopedFd& fd) {
-    return openRetryingEintr(path, O_RDWR | O_NOCTTY | O_NONBLOCK, 0, fd);
-}
+int openExistingForUpdate(const char* path, ScopedFd& fd) { return openLockFile(path, O_RDWR, 0, fd); }
 
 int openExclusiveCreateForUpdate(const char* path, ScopedFd& fd) {
     return exclusiveCreate(path, O_RDWR, fd);
@@ -119,9 +138,7 @@ int writeUint32(const ScopedFd& fd, uint32_t value) {
 
 int readFileHead(const char* path, std::string& content, size_t maxBytes) {
     ScopedFd fd;
-    // O_NONBLOCK: a FIFO put where a lock file should be must not hang us;
-    // it changes nothing for regular files.
-    const int err = openRetryingEintr(path, O_RDONLY | O_NOCTTY | O_NONBLOCK, 0, fd);
+    const int err = openLockFile(path, O_RDONLY, 0, fd);
     if (err != 0) return err;
     content.clear();
     char buf[4096];
@@ -145,13 +162,32 @@ int removePath(const char* path) {
 
 int modificationTime(const char* path, time_t& seconds) {
     if (!path) return EFAULT;
+    // The entry's own time: a link at a lock name is judged as junk by its
+    // age, never by its target's.
     struct stat st;
-    if (::stat(path, &st) != 0) return errno;
+    if (::lstat(path, &st) != 0) return errno;
     seconds = st.st_mtime;  // whole seconds: the sub-second part is dropped
     return 0;
 }
 
+int entryPresent(const char* path) {
+    if (!path) return EFAULT;
+    struct stat st;
+    return ::lstat(path, &st) == 0 ? 0 : errno;
+}
+
+std::string entryOwner(const char* path) {
+    struct stat st;
+    if (!path || ::lstat(path, &st) != 0) return "an unknown user";
+    char buf[1024];
+    struct passwd pw, *found = nullptr;
+    if (::getpwuid_r(st.st_uid, &pw, buf, sizeof buf, &found) == 0 && found)
+        return std::string(found->pw_name) + " (uid " + std::to_string(st.st_uid) + ")";
+    return "uid " + std::to_string(st.st_uid);
+}
+
 std::string errorText(int err) {
+    if (err == kNotRegularFile) return "not a regular file";
     char buf[256];
     // GNU strerror_r: thread-safe, returns the text (maybe not in buf).
     return std::string(::strerror_r(err, buf, sizeof buf));

@@ -12,6 +12,13 @@
 
 namespace detail {
 
+// Returned, like an errno, for an open that found something other than a
+// regular file at a lock name: a link, a FIFO, a directory, a device.
+constexpr int kNotRegularFile = -1;
+
+// Every open below uses O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC and accepts only a
+// regular file.
+
 // Owns one descriptor; closes it when it goes.
 class ScopedFd {
 public:
@@ -32,8 +39,8 @@ private:
 // belongs to us. EEXIST also stands for an EPERM about a name that exists;
 // an EPERM about a missing name is tried again a few times first.
 int openExclusiveCreate(const char* path, ScopedFd& fd);
-// open(O_WRONLY | O_CREAT, 0777): no truncation, so a refresh never leaves
-// an empty lock file behind.
+// open(O_WRONLY) of the existing file, or exclusive create of a missing one:
+// no truncation, so a refresh never leaves an empty lock file behind.
 int openForRewrite(const char* path, ScopedFd& fd);
 // open(O_RDWR): an owned lock file is checked and rewritten in one open, and
 // only if it is still there (a missing one is recreated by openExclusiveCreate).
@@ -51,7 +58,13 @@ int writeUint32(const ScopedFd& fd, uint32_t value);
 // Reads at most maxBytes of the file through a fresh open.
 int readFileHead(const char* path, std::string& content, size_t maxBytes);
 int removePath(const char* path);
+// The modification time of the entry itself (lstat: a link is not followed).
 int modificationTime(const char* path, time_t& seconds);
+// Whether anything, even a dangling link, is at path (lstat). 0, ENOENT, or
+// the errno that made it impossible to tell.
+int entryPresent(const char* path);
+// The owner of the entry at path (lstat), as a user name or "uid N".
+std::string entryOwner(const char* path);
 
 // The system's text for an error number.
 std::string errorText(int err);

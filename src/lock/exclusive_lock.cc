@@ -5,7 +5,11 @@
 // are used, so no server is needed; a file that stops being refreshed is
 // taken over by the contender directly above it.
 
+#include <stdint.h>
+
 #include <algorithm>
+#include <set>
+#include <typeinfo>
 #include <string>
 #include <vector>
 
@@ -14,6 +18,8 @@
 #include <boost/thread/thread.hpp>
 
 #include "common/only_throws.h"
+#include "fs/posix_io.h"
+#include "fs/refresh_counter.h"
 #include "lock/stale_confirmation.h"
 #include "orvane/exclusive_lock.h"
 #include "orvane/path.h"
@@ -36,6 +42,10 @@ const pt::time_duration kHolderRefresh = pt::seconds(1);
 // candidate (about 3.5 s), and a short removal retry.
 const pt::time_duration kTidyJudgeRoom = pt::seconds(4);
 const pt::time_duration kTidyRemoveRoom = pt::seconds(1);
+// Time given to one operation on a single file (a touch of one's own place, a
+// removal, a take-over), whatever the acquisition's own deadline: a file that
+// keeps failing must not hold a waiter past one polling round.
+const pt::time_duration kOwnFileRoom = pt::seconds(1);
 
 // Every wait is an interruption point of the thread library.
 void sleepPollingCycle() { detail::sleepFor(kPollingCycle); }
@@ -174,6 +184,164 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
     }
 }
 
+
+// ---- Climbing the line -----------------------------------------------------
+//
+// A waiter at level L tries, once per polling cycle, to create level L-1
+// exclusively; success moves it one place forward and frees its old place.
+// Failure means someone is at L-1: a live contender (wait), or a dead one
+// whose file stopped being refreshed, or junk (a link, a FIFO, a directory
+// put there by anyone). The states of one pass:
+//
+//   create L-1 --ok--> step down (remove own L) --> next pass at once
+//       | EEXIST
+//   judge L-1 by its own date (lstat, server clock)
+//       |-- gone meanwhile ---------> try again (at once, once in a row)
+//       |-- fresh ------------------> sleep one cycle
+//       |-- stale --> watch its content (stale_confirmation)
+//                        |-- changed / gone --> sleep / try again
+//                        |-- unchanged -----> take over:
+//          regular file we read: rewrite it only if it still holds exactly
+//            what we watched (one open: compare, then write); a rival's
+//            take-over in between makes it theirs, and we wait
+//          junk, another user's file, an empty file: judge its date once
+//            more, remove it, and compete for the name by exclusive create;
+//            where the directory forbids the removal, say so once and wait
+//
+// Every pass that makes no progress sleeps one polling cycle, so nothing at a
+// lock name can make a waiter spin, and every wait ends at its deadline.
+class Climb {
+public:
+    Climb(const ovDirectoryExclusiveLock& lock, ovAbstractFS& fs, ovLockFileIsStale& staleTest,
+          const std::string& owner, const pt::ptime& deadline)
+        : lock_(lock), fs_(fs), staleTest_(staleTest), owner_(owner), deadline_(deadline) {}
+
+    // Climbs from level L; returns the level reached: 0 is the lock.
+    int run(int L) {
+        pt::ptime lastTouch = detail::steadyNow();
+        sleepPollingCycle();
+        bool retriedAtOnce = false;
+        while (L > 0) {
+            if ((detail::steadyNow() - lastTouch).total_microseconds() > kOwnFileRefreshMicros) {
+                (void)lock_.touchLockFile(L, detail::steadyNow() + kOwnFileRoom);
+                lastTouch = detail::steadyNow();
+            }
+            verbose << owner_ << ": Trying to acquire level " << (L - 1) << std::endl;
+            if (lock_.createLockFileExclusive(L - 1)) {
+                lastTouch = detail::steadyNow();
+                verbose << owner_ << ": Success! removing level " << L << std::endl;
+                stepDown(L, 310);
+                --L;
+                continue;
+            }
+            verbose << owner_ << ": Could not acquire; trying to detect stale lock at level " << (L - 1)
+                    << std::endl;
+            const Below below = judgeBelow(L - 1);
+            if (below == Below::TakenOver) {
+                lastTouch = detail::steadyNow();
+                stepDown(L, 343);
+                --L;
+                continue;
+            }
+            if (detail::steadyNow() >= deadline_) break;
+            // Released (or removed by us) just now: the create is worth
+            // trying again at once, but not over and over.
+            if (below == Below::Free && !retriedAtOnce) {
+                retriedAtOnce = true;
+                continue;
+            }
+            retriedAtOnce = false;
+            verbose << owner_ << ": Sleeping" << std::endl;
+            sleepPollingCycle();
+        }
+        return L;
+    }
+
+private:
+    enum class Below { Busy, Free, TakenOver };
+
+    void stepDown(int L, int site) {
+        if (!lock_.removeLockFileWithTenacity(L, detail::steadyNow() + kOwnFileRoom))
+            warning << "FS_LOCK: failed to remove " << lock_.getLockFileName(L) << "(" << site << ")" << std::endl;
+    }
+
+    bool staleByDate(const std::string& name) {
+        try {
+            return staleTest_(name.c_str(), kStaleAgeSeconds, deadline_);
+        } catch (const ovFileNotFoundError&) {
+            return false;  // gone: the caller sees that at its next create
+        }
+    }
+
+    Below judgeBelow(int level) {
+        const std::string below = lock_.getLockFileName(level);
+        try {
+            if (!staleTest_(below.c_str(), kStaleAgeSeconds, deadline_)) {
+                detail::keepRecentRead(fs_, below);
+                return Below::Busy;
+            }
+        } catch (const ovFileNotFoundError&) {
+            return Below::Free;  // released between our create and the query
+        }
+        // A client that caches attributes sees a live holder's time tens of
+        // seconds late; its content still changes with each refresh. Watch
+        // it before acting.
+        std::string seen;
+        switch (detail::confirmStale(fs_, below, deadline_, &seen)) {
+            case detail::StaleCheck::Gone: return Below::Free;
+            case detail::StaleCheck::Live: return Below::Busy;
+            case detail::StaleCheck::Stale: break;
+        }
+        stale_log << "FS_LOCK: stale lock detected: " << below << std::endl;
+        return takeOver(level, below, seen);
+    }
+
+    Below takeOver(int level, const std::string& below, const std::string& seen) {
+        if (!seen.empty()) {
+            // Compare and write through one descriptor: only the dead
+            // holder's file, exactly as watched, becomes ours.
+            const uint32_t value = detail::nextRefreshValue();
+            const std::string content(reinterpret_cast<const char*>(&value), sizeof value);
+            try {
+                switch (fs_.refreshOwnedLockFile(below, detail::steadyNow() + kOwnFileRoom, seen, content)) {
+                    case ovRefreshedOwned:
+                    case ovRefreshFoundMissing:  // gone, and created anew exclusively: ours too
+                        return Below::TakenOver;
+                    case ovRefreshFoundRewritten:
+                        return Below::Busy;  // someone else's now: a rival's take-over, or a late refresh
+                    case ovRefreshFailed:
+                        break;
+                }
+            } catch (const ovPermissionDenied&) {
+                // Another user's file, not writable by us: remove it instead.
+            }
+        }
+        // Its date once more right before the removal: a rival that took the
+        // name over meanwhile has a fresh file, which must stay.
+        if (!staleByDate(below)) return Below::Busy;
+        stale_log << "FS_LOCK: removing stale lock " << below << std::endl;
+        if (lock_.removeLockFileWithTenacity(level, detail::steadyNow() + kOwnFileRoom)) {
+            stale_log << "FS_LOCK: removed stale lock " << below << std::endl;
+            return Below::Free;
+        }
+        // The message names our own level, not the stale one; kept as the
+        // established wording of this site.
+        warning << "FS_LOCK: failed to remove " << lock_.getLockFileName(level + 1) << "(334)" << std::endl;
+        if (detail::entryPresent(below.c_str()) == 0 && warned_.insert(below).second)
+            warning << "FS_LOCK: cannot take over stale lock " << below << ": owned by "
+                    << detail::entryOwner(below.c_str())
+                    << ", and this directory does not let us remove it; waiting" << std::endl;
+        return Below::Busy;
+    }
+
+    const ovDirectoryExclusiveLock& lock_;
+    ovAbstractFS& fs_;
+    ovLockFileIsStale& staleTest_;
+    const std::string& owner_;
+    const pt::ptime deadline_;
+    std::set<std::string> warned_;  // one "cannot take over" per file and acquisition
+};
+
 }  // namespace
 
 int ovDirectoryExclusiveLock::queue(const pt::ptime& deadline) {
@@ -215,117 +383,46 @@ bool ovDirectoryExclusiveLock::acquire(const pt::time_duration& timeout_, bool n
         }
 
         int L = queue(deadline);
-
-        if (L > 0 && detail::steadyNow() < deadline) {
-            pt::ptime lastTouch = detail::steadyNow();
-            sleepPollingCycle();
+        try {
+            if (L > 0 && detail::steadyNow() < deadline) L = Climb(*this, *fs, staleTest, ownerName, deadline).run(L);
+            if (L == 0) {
+                // Errors while making the lock file (no room to write it)
+                // pass out, after our level-0 file went (below).
+                boost::shared_ptr<ovLockFile> held(
+                    noRefresh ? new ovLockFile(getLockFileName(0), ovLockFile::NO_REFRESH, fs)
+                              : new ovLockFile(getLockFileName(0), kHolderRefresh, fs));
+                // Judged before it is stored, so that an error here leaves the
+                // object not held and the file is removed with `held`.
+                if (*held) {
+                    {
+                        // Under the mutex: isLost() and setLostCallback() read
+                        // lockFile without entering the busy flag.
+                        boost::lock_guard<boost::mutex> guard(mutex);
+                        if (lostCallback) held->setLostCallback(lostCallback);
+                        lockFile = held;
+                    }
+                    holdCount = 1;
+                    return true;
+                }
+                held.reset();  // removes level 0 again
+            }
+        } catch (...) {
+            // Any error gives up our place before it passes out. A waiter that
+            // cannot judge the line must not guess, but nothing about a file
+            // may end the process either: the error keeps its own kind, and
+            // only kinds the callers do not expect become a plain access error.
             try {
-                while (L > 0) {
-                    if ((detail::steadyNow() - lastTouch).total_microseconds() > kOwnFileRefreshMicros) {
-                        (void)touchLockFile(L, deadline);
-                        lastTouch = detail::steadyNow();
-                    }
-                    verbose << ownerName << ": Trying to acquire level " << (L - 1) << std::endl;
-                    if (createLockFileExclusive(L - 1)) {
-                        lastTouch = detail::steadyNow();
-                        verbose << ownerName << ": Success! removing level " << L << std::endl;
-                        if (!removeLockFileWithTenacity(L, deadline))
-                            warning << "FS_LOCK: failed to remove " << getLockFileName(L)
-                                    << "(310)" << std::endl;
-                        --L;
-                        continue;
-                    }
-
-                    verbose << ownerName
-                            << ": Could not acquire; trying to detect stale lock at level "
-                            << (L - 1) << std::endl;
-                    const std::string below = getLockFileName(L - 1);
-                    bool stale;
-                    try {
-                        stale = staleTest(below.c_str(), kStaleAgeSeconds, deadline);
-                    } catch (const ovFileNotFoundError&) {
-                        // Released between our create and the query: try again at once.
-                        if (detail::steadyNow() < deadline) continue;
-                        break;
-                    }
-                    if (stale) {
-                        // A client that caches attributes sees a live holder's
-                        // time tens of seconds late; its content still changes
-                        // with each refresh. Watch it before acting.
-                        const detail::StaleCheck check = detail::confirmStale(*fs, below, deadline);
-                        if (check == detail::StaleCheck::Gone) {
-                            if (detail::steadyNow() < deadline) continue;
-                            break;
-                        }
-                        if (check == detail::StaleCheck::Live) stale = false;
-                    } else {
-                        detail::keepRecentRead(*fs, below);
-                    }
-                    if (!stale) {
-                        if (deadline <= detail::steadyNow()) break;
-                        verbose << ownerName << ": Sleeping" << std::endl;
-                        sleepPollingCycle();
-                        continue;
-                    }
-
-                    stale_log << "FS_LOCK: stale lock detected: " << below << std::endl;
-                    // Touching takes the stale file over: freshly stamped, it
-                    // now counts as this contender's own.
-                    if (touchLockFile(L - 1, deadline)) {
-                        lastTouch = detail::steadyNow();
-                        if (!removeLockFileWithTenacity(L, deadline))
-                            warning << "FS_LOCK: failed to remove " << getLockFileName(L)
-                                    << "(343)" << std::endl;
-                        --L;
-                        continue;
-                    }
-                    stale_log << "FS_LOCK: removing stale lock " << below << std::endl;
-                    if (removeLockFileWithTenacity(L - 1, deadline)) {
-                        stale_log << "FS_LOCK: removed stale lock " << below << std::endl;
-                        continue;  // the level below is free: try it at once
-                    }
-                    // The message names our own level, not the stale one; kept
-                    // as the established wording of this site.
-                    warning << "FS_LOCK: failed to remove " << getLockFileName(L) << "(334)"
-                            << std::endl;
-                    // Neither touchable nor removable (say a directory in its
-                    // place): without this the loop would spin at full CPU and
-                    // ignore the deadline.
-                    if (deadline <= detail::steadyNow()) break;
-                    sleepPollingCycle();
-                }
+                (void)removeLockFileWithTenacity(L, detail::steadyNow() + kOwnFileRoom);
+            } catch (...) {
+            }
+            try {
+                throw;
+            } catch (const ovFileNotFoundError& e) {
+                throw ovFileAccessError(e.what());
             } catch (const ovFileBasedLockError& e) {
-                // Any file error while climbing gives up our place and is
-                // reported as a plain lock error. That type is outside the
-                // admitted list, so the process ends: a contender that cannot
-                // judge the line must not guess. Deliberate.
-                try {
-                    (void)removeLockFileWithTenacity(L, deadline);
-                } catch (...) {
-                }
-                throw ovFileBasedLockError(e.what());
+                if (typeid(e) == typeid(ovFileBasedLockError)) throw ovFileAccessError(e.what());
+                throw;
             }
-        }
-
-        if (L == 0) {
-            // Errors while making the lock file pass out unchanged.
-            boost::shared_ptr<ovLockFile> held(
-                noRefresh ? new ovLockFile(getLockFileName(0), ovLockFile::NO_REFRESH, fs)
-                          : new ovLockFile(getLockFileName(0), kHolderRefresh, fs));
-            // Judged before it is stored, so that an error here leaves the
-            // object not held and the file is removed with `held`.
-            if (*held) {
-                {
-                    // Under the mutex: isLost() and setLostCallback() read
-                    // lockFile without entering the busy flag.
-                    boost::lock_guard<boost::mutex> guard(mutex);
-                    if (lostCallback) held->setLostCallback(lostCallback);
-                    lockFile = held;
-                }
-                holdCount = 1;
-                return true;
-            }
-            held.reset();  // removes level 0 again
         }
 
         // Give up our place. With L = -1 from a failed queue this asks for a

@@ -46,7 +46,8 @@ bool ovDirectoryExclusiveLock::createLockFileExclusive(int level) const {
 }
 
 bool ovDirectoryExclusiveLock::touchLockFile(int level, const pt::ptime& deadline) const {
-    return detail::onlyThrows<boost::thread_interrupted, ovPermissionDenied, ovNoSuchDirectory>(
+    // ovFileAccessError: no room left to write the file.
+    return detail::onlyThrows<boost::thread_interrupted, ovPermissionDenied, ovNoSuchDirectory, ovFileAccessError>(
         [&] { return fs->refreshLockFile(getLockFileName(level), deadline); });
 }
 

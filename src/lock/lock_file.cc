@@ -87,7 +87,8 @@ const char* ovLockLossReasonText(ovLockLossReason r) {
 
 ovLockFile::ovLockFile(const std::string& name_, pt::time_duration refreshInterval_,
                        const boost::shared_ptr<ovAbstractFS>& fs_) {
-    detail::onlyThrows<boost::thread_interrupted, ovNoSuchDirectory, ovPermissionDenied>([&] {
+    // ovFileAccessError: no room left to write the file (the acquisition fails).
+    detail::onlyThrows<boost::thread_interrupted, ovNoSuchDirectory, ovPermissionDenied, ovFileAccessError>([&] {
         name = name_;
         refreshInterval = refreshInterval_;
         fs = fs_ ? fs_ : ovGetDefaultFSImp();  // no file system given: the default one
@@ -118,7 +119,8 @@ ovLockFile::ovLockFile(const std::string& name_, pt::time_duration refreshInterv
 
 ovLockFile::ovLockFile(const std::string& name_, const no_refresh_tag&,
                        const boost::shared_ptr<ovAbstractFS>& fs_) {
-    detail::onlyThrows<boost::thread_interrupted, ovNoSuchDirectory, ovPermissionDenied>([&] {
+    // ovFileAccessError: no room left to write the file (the acquisition fails).
+    detail::onlyThrows<boost::thread_interrupted, ovNoSuchDirectory, ovPermissionDenied, ovFileAccessError>([&] {
         name = name_;
         refreshInterval = pt::pos_infin;
         fs = fs_ ? fs_ : ovGetDefaultFSImp();  // no file system given: the default one

@@ -107,11 +107,14 @@ FileMemory& memory() {
     return *m;
 }
 
-// Reads the content and remembers it.
-Read readAndRemember(ovAbstractFS& fs, const std::string& name) {
+// Reads the content and remembers it; `seen` (if any) keeps the last content read.
+Read readAndRemember(ovAbstractFS& fs, const std::string& name, std::string* seen = nullptr) {
     std::string content;
     const Read r = readContent(fs, name, content);
-    if (r == Read::Present) memory().read(name, content);
+    if (r == Read::Present) {
+        memory().read(name, content);
+        if (seen) seen->swap(content);
+    }
     return r;
 }
 
@@ -129,7 +132,8 @@ void keepRecentRead(ovAbstractFS& fs, const std::string& name) {
 }
 
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
-                        const pt::ptime& deadline) {
+                        const pt::ptime& deadline, std::string* seen) {
+    if (seen) seen->clear();
     const pt::ptime start = steadyNow();
     pt::time_duration watch = kLongestWatch;
     bool room = !deadline.is_not_a_date_time() && !deadline.is_neg_infinity();
@@ -140,7 +144,7 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
     if (!room) {
         // One read still shows a rewrite since a recent earlier read; a
         // missing or unreadable file proves nothing here.
-        (void)readAndRemember(fs, name);
+        (void)readAndRemember(fs, name, seen);
         return unconfirmed(name);
     }
 
@@ -154,7 +158,7 @@ StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
             // Bounded by the watch span: at most watch / kPollEvery passes.
             sleepFor(std::min(kPollEvery, end - now));
         }
-        switch (readAndRemember(fs, name)) {
+        switch (readAndRemember(fs, name, seen)) {
             case Read::Missing: return StaleCheck::Gone;
             case Read::Unreadable: continue;
             case Read::Present: break;

@@ -49,8 +49,12 @@ enum class StaleCheck {
 // readable during the whole watch (a directory in its place) counts as
 // unchanged, and so does one missing at the single read. Throws only
 // boost::thread_interrupted, from its sleeps.
+//
+// `seen`, when given, receives the content of the last successful read (empty
+// when none succeeded): a take-over then rewrites the file only if it still
+// holds exactly that.
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
-                        const boost::posix_time::ptime& deadline);
+                        const boost::posix_time::ptime& deadline, std::string* seen = nullptr);
 
 // Called when `name` was just judged not stale by its time: reads its content
 // if this process has not read it within the last 10 s. A waiter thus always

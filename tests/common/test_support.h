@@ -85,6 +85,16 @@ int runAsUnprivileged(const std::function<int()>& fn, double timeoutSeconds = 60
 // The unprivileged uid/gid used above.
 constexpr uid_t kUnprivilegedId = 65534;
 
+// Runs fn in a forked child as uid/gid (no supplementary groups) with the
+// given umask; returns the child's decoded status, -1 on timeout.
+int runAsUser(uid_t uid, gid_t gid, mode_t umask, const std::function<int()>& fn, double timeoutSeconds = 60);
+
+// Sets the times of a path itself (a symbolic link is not followed) to now - secondsAgo.
+void ageEntry(const std::string& path, double secondsAgo);
+
+// CPU seconds this process has used, all threads.
+double cpuSeconds();
+
 // Monotonic seconds, for generous time bounds in tests.
 double monotonicSeconds();
 
