@@ -184,7 +184,7 @@ hostile_run() {
           vstop[$vk]=$(now)
           IFS=: read -r tmode tuid ck <<<"${tspecs[$vk]}"
           hstart "$v-taker" "$tuid" --mode "$tmode" --dir "$dir" --check-dir "$ck" --iterations 1 \
-            --hold-ms 8000 --timeout-ms 50000 --ready "$work/$v-taker.ready"
+            --hold-ms 8000 --timeout-ms 80000 --ready "$work/$v-taker.ready"
           tnames+=("$v-taker"); all+=("$v-taker")
           [ "$ck" = "$cx" ] && xnames+=("$v-taker") || rwnames+=("$v-taker")
         elif [ $(( $(date +%s) - started )) -lt 75 ] && kill -0 "${vpids[$vk]}" 2>/dev/null; then
@@ -206,10 +206,11 @@ hostile_run() {
     [ -n "${vstop[$vk]}" ] && [ -z "${vcont[$vk]}" ] && kill -CONT "${vpids[$vk]}" 2>/dev/null
   done
 
-  # Every worker's own bound ends within 130 s of the start; 170 s is a hang.
+  # Every worker's own bound ends within 160 s of the start (a taker may wait
+  # behind another stopped holder); 190 s is a hang.
   local apids=() n
   for n in "${all[@]}"; do apids+=("${hpid[$n]}"); done
-  local killed=0 wait_s=$(( 170 - ($(date +%s) - started) ))
+  local killed=0 wait_s=$(( 190 - ($(date +%s) - started) ))
   [ $wait_s -lt 5 ] && wait_s=5
   wait_bounded "$wait_s" "${apids[@]}" "$jpid" || killed=1
   local elapsed=$(( $(date +%s) - started ))
