@@ -11,11 +11,15 @@
 #   5. crash recovery: holders and queued waiters SIGKILLed at random moments;
 #      every survivor still gets the lock and no lock file is left;
 #   6. through an attribute-caching client: a live holder (exclusive lock,
-#      write lock) is not taken over in 90 s; a killed one is within 45 s.
+#      write lock) is not taken over in 90 s; a killed one is within 45 s;
+#   7. a hostile group directory: junk of every kind at the lock names, two
+#      unprivileged users and root, holders stopped past the stale age
+#      (scripts/stress-hostile.sh).
 # Prints hand-overs, overlaps and the longest wait per run; fails on any
 # overlap, leaked file, leaked descriptor or thread, or missed deadline.
 # Usage: scripts/stress.sh [BUILD]   (STRESS_SECONDS: length of each
-# contention run, default 30; STRESS_NETFS=0 skips the network runs.)
+# contention run, default 30; STRESS_NETFS=0 skips the network runs;
+# STRESS_ONLY=hostile runs only the hostile-directory run.)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -47,6 +51,9 @@ fail() { summary+=("FAIL    $*"); echo "  FAIL: $*"; failures=$((failures + 1));
 skipped() { summary+=("SKIPPED $*"); echo "  SKIPPED: $*"; }
 
 now() { date +%s.%N; }
+only=${STRESS_ONLY:-}
+# shellcheck source=scripts/stress-hostile.sh
+. scripts/stress-hostile.sh
 later_than() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a > b) }'; }
 
 # ---- Clock skew through libfaketime, preloaded directly so that the pid we
@@ -218,6 +225,7 @@ contend() {
   fi
 }
 
+if [ -z "$only" ]; then
 # ---- 0. Control: without a lock the checks must see overlaps ------------------
 echo "== control run without a lock"
 control() {
@@ -307,6 +315,7 @@ else
     fail "clock skew: libfaketime does not move boost's microsec_clock (real $real, +10m $ahead, -10m $behind)"
   fi
 fi
+fi  # runs 0-3
 
 # ---- 4-6. Long scenarios, run side by side -------------------------------------
 
@@ -436,7 +445,7 @@ crash_recovery() {
   fi
 }
 
-echo "== long scenarios (take-over, crash recovery, caching client), side by side"
+echo "== long scenarios (take-over, crash recovery, caching client, hostile directory), side by side"
 long_pids=()
 # long_run TAG CMD...: runs one scenario in the background; its summary lines
 # go to $work/long-TAG for the parent to collect.
@@ -447,13 +456,14 @@ long_run() {
   ( summary=(); "$@"; printf '%s\n' "${summary[@]}" >"$work/long-$tag" ) 2>>"$work/long.err" &
   long_pids+=($!)
 }
-if [ $have_skew = 1 ]; then
+long_run hostile hostile_run
+if [ -n "$only" ]; then :; elif [ $have_skew = 1 ]; then
   long_run tk1 takeover skew-ahead-takeover exclusive "$work/tk1" exclusive "$work/tk1" +10m "$work/tk1" 35 30 45
   long_run tk2 takeover skew-behind-takeover exclusive "$work/tk2" exclusive "$work/tk2" -10m "$work/tk2" 35 30 45
   long_run tk3 takeover skew-writer-takeover writer "$work/tk3" reader "$work/tk3" +10m "$work/tk3" 35 30 45
 fi
-long_run crash crash_recovery
-if [ $have_netfs = 1 ]; then
+[ -z "$only" ] && long_run crash crash_recovery
+if [ -n "$only" ]; then :; elif [ $have_netfs = 1 ]; then
   mkdir -p "$NETFS_EXPORT/k1" "$NETFS_EXPORT/k2" "$NETFS_EXPORT/k3"
   long_run k1 keeps cached-exclusive-live exclusive "$NETFS_A/k1" "$NETFS_CACHED/k1" "$NETFS_EXPORT/k1"
   long_run k2 keeps cached-write-live writer "$NETFS_A/k2" "$NETFS_CACHED/k2" "$NETFS_EXPORT/k2"

@@ -24,13 +24,26 @@
 //                     long-lived object, whose descriptors and threads are
 //                     checked for leaks at the end)
 //   --ready FILE      written (monotonic ns) once the first acquisition holds
+//                     (after its marker exists, so a holder stopped at once
+//                     is stopped inside its critical section)
 //   --events FILE     one line per acquisition: mode pid wait_start acquired
 //                     released (monotonic ns)
 //   --result FILE     key=value summary (acquired failed overlaps max_readers
-//                     fd_leak thread_leak longest_wait_ms)
+//                     fd_leak thread_leak longest_wait_ms lost lost_reason
+//                     overlap_pids: owners of the markers met, 0 unknown)
+//
+// A lock lost while held: every holder asks isLost() (and its loss callback)
+// right after its hold, before its second look and before leaving. If the
+// lock was lost, the tenure does not count: no event is written, the second
+// look is skipped, the worker's own marker is removed and it stops. What a
+// lost holder cannot excuse is what others saw meanwhile: they count an
+// overlap naming its pid, and only the harness may excuse such an overlap,
+// and only for a holder it stopped itself that reports the loss here
+// (a holder that was told before it did anything more). Any other overlap,
+// and any loss of a holder the harness did not stop, is a failure.
 //
 // Exit status: 0 fine, 1 overlap or leak seen, 2 bad arguments, 3 the lock
-// threw, 4 some acquisition timed out.
+// threw, 4 some acquisition timed out, 5 a held lock was lost.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -41,10 +54,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -69,9 +84,11 @@ struct Event {
 };
 
 struct Tally {
-    long acquired = 0, failed = 0, overlaps = 0, maxReaders = 0;
+    long acquired = 0, failed = 0, overlaps = 0, maxReaders = 0, lost = 0;
     long long longestWaitNs = 0;
     std::vector<Event> events;
+    std::set<long> overlapPids;  // owners of markers met (0: unreadable)
+    std::string lostReason = "none";
 };
 
 long long nowNs() {
@@ -89,23 +106,45 @@ bool exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-long countReaders(const std::string& dir) {
+// Counts reader markers; notes their owners' pids in `pids` if given.
+long countReaders(const std::string& dir, std::set<long>* pids = nullptr) {
     long n = 0;
     if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d)) {
-            if (std::strncmp(e->d_name, "reader.", 7) == 0) ++n;
+            if (std::strncmp(e->d_name, "reader.", 7) == 0) {
+                ++n;
+                if (pids && pids->size() < 100) pids->insert(std::atol(e->d_name + 7));
+            }
         }
         closedir(d);
     }
     return n;
 }
 
+void writeStamp(const std::string& path, long long ns) {
+    std::ofstream(path.c_str()) << ns << "\n";
+}
+
+long markerOwner(const std::string& path) {
+    std::ifstream in(path.c_str());
+    long pid = 0;
+    in >> pid;
+    return pid;
+}
+
+class Contender;
+bool lostNow(Contender& c);
+
 // ---- Critical section: enter, hold, check again, leave ----------------------
 
-// Returns the overlaps seen (each broken invariant counts once).
-long criticalSection(const Options& o, Tally& t) {
+// Returns the overlaps seen (each broken invariant counts once); sets `lost`
+// if the lock was found lost right after the hold.
+long criticalSection(const Options& o, Tally& t, Contender& c, bool first, bool& lost) {
+    lost = false;
     if (o.checkDir.empty()) {
+        if (first && !o.ready.empty()) writeStamp(o.ready, nowNs());
         sleepMs(o.holdMs);
+        lost = lostNow(c);
         return 0;
     }
     long overlaps = 0;
@@ -117,12 +156,14 @@ long criticalSection(const Options& o, Tally& t) {
     if (fd < 0) {
         std::cerr << "stress_worker " << getpid() << ": " << marker << " already exists\n";
         ++overlaps;
+        if (t.overlapPids.size() < 100) t.overlapPids.insert(markerOwner(marker));
     } else {
         // The holder's pid, so that the crash runs can kill whoever holds.
         const std::string pid = std::to_string(getpid()) + "\n";
         if (write(fd, pid.data(), pid.size()) < 0) std::cerr << "stress_worker: marker write failed\n";
         close(fd);
     }
+    if (first && !o.ready.empty()) writeStamp(o.ready, nowNs());
     for (int pass = 0; pass < 2; ++pass) {  // on entry, and again before leaving
         if (reader) {
             const long readers = countReaders(o.checkDir);
@@ -130,12 +171,17 @@ long criticalSection(const Options& o, Tally& t) {
             if (exists(holder)) {
                 std::cerr << "stress_worker " << getpid() << ": reader inside with a writer\n";
                 ++overlaps;
+                if (t.overlapPids.size() < 100) t.overlapPids.insert(markerOwner(holder));
             }
-        } else if (o.mode == "writer" && countReaders(o.checkDir) > 0) {
+        } else if (o.mode == "writer" && countReaders(o.checkDir, &t.overlapPids) > 0) {
             std::cerr << "stress_worker " << getpid() << ": writer inside with readers\n";
             ++overlaps;
         }
-        if (pass == 0) sleepMs(o.holdMs);
+        if (pass == 0) {
+            sleepMs(o.holdMs);
+            // Told of the loss before doing anything more: no second look.
+            if ((lost = lostNow(c))) break;
+        }
     }
     if (fd >= 0) unlink(marker.c_str());
     return overlaps;
@@ -148,14 +194,27 @@ public:
     virtual ~Contender() {}
     virtual bool acquire(const boost::posix_time::time_duration& timeout) = 0;
     virtual void release() = 0;
+    virtual bool isLost() const = 0;
+    virtual ovLockLossReason lossReason() const = 0;
+    // Set by the loss callback on the lock's refresh thread.
+    std::atomic<int> called{0};
+    ovLockLostCallback callback() {
+        return [this](ovLockLossReason r) { called = static_cast<int>(r) ? static_cast<int>(r) : -1; };
+    }
 };
+
+bool lostNow(Contender& c) { return c.isLost() || c.called != 0; }
 
 class ExclusiveContender : public Contender {
 public:
     explicit ExclusiveContender(const std::string& dir)
-        : lock_(dir, "stress" + std::to_string(getpid())) {}
+        : lock_(dir, "stress" + std::to_string(getpid())) {
+        lock_.setLostCallback(callback());
+    }
     bool acquire(const boost::posix_time::time_duration& t) override { return lock_.acquire(t); }
     void release() override { lock_.release(); }
+    bool isLost() const override { return lock_.isLost(); }
+    ovLockLossReason lossReason() const override { return lock_.getLossReason(); }
 
 private:
     ovDirectoryExclusiveLock lock_;
@@ -163,9 +222,13 @@ private:
 
 class ReadContender : public Contender {
 public:
-    explicit ReadContender(const std::string& dir) : rw_(dir), lock_(rw_.getReadLock()) {}
+    explicit ReadContender(const std::string& dir) : rw_(dir), lock_(rw_.getReadLock()) {
+        lock_.setLostCallback(callback());
+    }
     bool acquire(const boost::posix_time::time_duration& t) override { return lock_.acquire(t); }
     void release() override { lock_.release(); }
+    bool isLost() const override { return lock_.isLost(); }
+    ovLockLossReason lossReason() const override { return lock_.getLossReason(); }
 
 private:
     ovDirectoryReadWriteLock rw_;
@@ -174,9 +237,13 @@ private:
 
 class WriteContender : public Contender {
 public:
-    explicit WriteContender(const std::string& dir) : rw_(dir), lock_(rw_.getWriteLock()) {}
+    explicit WriteContender(const std::string& dir) : rw_(dir), lock_(rw_.getWriteLock()) {
+        lock_.setLostCallback(callback());
+    }
     bool acquire(const boost::posix_time::time_duration& t) override { return lock_.acquire(t); }
     void release() override { lock_.release(); }
+    bool isLost() const override { return lock_.isLost(); }
+    ovLockLossReason lossReason() const override { return lock_.getLossReason(); }
 
 private:
     ovDirectoryReadWriteLock rw_;
@@ -188,6 +255,8 @@ class NoContender : public Contender {
 public:
     bool acquire(const boost::posix_time::time_duration&) override { return true; }
     void release() override {}
+    bool isLost() const override { return false; }
+    ovLockLossReason lossReason() const override { return ovLockNotLost; }
 };
 
 std::unique_ptr<Contender> makeContender(const Options& o) {
@@ -195,10 +264,6 @@ std::unique_ptr<Contender> makeContender(const Options& o) {
     if (o.mode == "exclusive") return std::unique_ptr<Contender>(new ExclusiveContender(o.dir));
     if (o.mode == "reader") return std::unique_ptr<Contender>(new ReadContender(o.dir));
     return std::unique_ptr<Contender>(new WriteContender(o.dir));
-}
-
-void writeStamp(const std::string& path, long long ns) {
-    std::ofstream(path.c_str()) << ns << "\n";
 }
 
 // ---- The run ----------------------------------------------------------------
@@ -225,9 +290,18 @@ int run(const Options& o) {
         e.acquired = nowNs();
         ++t.acquired;
         if (e.acquired - e.waitStart > t.longestWaitNs) t.longestWaitNs = e.acquired - e.waitStart;
-        if (t.acquired == 1 && !o.ready.empty()) writeStamp(o.ready, e.acquired);
-        t.overlaps += criticalSection(o, t);
+        bool lost = false;
+        t.overlaps += criticalSection(o, t, c, t.acquired == 1, lost);
         e.released = nowNs();  // before release: the next holder may enter right after
+        if (lost) {
+            ++t.lost;
+            const int r = c.called != 0 ? c.called.load() : static_cast<int>(c.lossReason());
+            t.lostReason = r > 0 ? ovLockLossReasonText(static_cast<ovLockLossReason>(r)) : "callback";
+            for (char& ch : t.lostReason)
+                if (ch == ' ') ch = '-';  // one word in the key=value line
+            c.release();  // leaves the new holder's file alone
+            break;
+        }
         c.release();
         if (t.events.size() < 200000) t.events.push_back(e);
         // Baseline after one full cycle: the lazily made default file system
@@ -262,9 +336,16 @@ int run(const Options& o) {
         out << "acquired=" << t.acquired << " failed=" << t.failed << " overlaps=" << t.overlaps
             << " max_readers=" << t.maxReaders << " fd_leak=" << fdLeak
             << " thread_leak=" << threadLeak << " longest_wait_ms=" << t.longestWaitNs / 1000000
-            << "\n";
+            << " lost=" << t.lost << " lost_reason=" << t.lostReason << " overlap_pids=";
+        const char* sep = "";
+        for (long p : t.overlapPids) {
+            out << sep << p;
+            sep = ",";
+        }
+        out << "\n";
     }
     if (t.overlaps || fdLeak > 0 || threadLeak > 0) return 1;
+    if (t.lost) return 5;
     return t.failed ? 4 : 0;
 }
 
