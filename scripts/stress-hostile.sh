@@ -140,11 +140,11 @@ hostile_run() {
   local jpid=$! ; pids+=("$jpid")
 
   # Contenders: MODE:UID, each for 55 s, 45 s per acquisition at most.
-  local xnames=() rwnames=() all=() spec mode uid k=0 ck
-  for spec in exclusive:65534 exclusive:65534 exclusive:65533 exclusive:65533 exclusive:0 \
+  local xnames=() rwnames=() all=() entry mode uid k=0 ck
+  for entry in exclusive:65534 exclusive:65534 exclusive:65533 exclusive:65533 exclusive:0 \
               writer:65534 writer:65533 writer:0 reader:65534 reader:65534 reader:65533 \
               reader:65533 reader:0; do
-    IFS=: read -r mode uid <<<"$spec"
+    IFS=: read -r mode uid <<<"$entry"
     k=$((k + 1))
     local name="$label-$mode-$uid-$k" hold=2
     [ "$mode" = reader ] && hold=5
@@ -158,8 +158,8 @@ hostile_run() {
   # Holders to stop (VICTIM:MODE:UID:CHECK) and the taker started for each
   # once it is stopped (MODE:UID).
   local vnames=() vpids=() tspecs=() vstop=() vcont=() tnames=() vk
-  for spec in exclusive:65534:x:exclusive:65533 writer:65533:rw:writer:0 reader:0:rw:writer:65534; do
-    IFS=: read -r mode uid ck tmode tuid <<<"$spec"
+  for entry in exclusive:65534:x:exclusive:65533 writer:65533:rw:writer:0 reader:0:rw:writer:65534; do
+    IFS=: read -r mode uid ck tmode tuid <<<"$entry"
     [ "$ck" = x ] && ck=$cx || ck=$crw
     local name="$label-stopped-$mode"
     hstart "$name" "$uid" --mode "$mode" --dir "$dir" --check-dir "$ck" --iterations 1 \
