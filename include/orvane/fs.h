@@ -127,6 +127,9 @@ public:
 
 // For directories shared between machines: exclusive create, EACCES retried
 // 50 times 10 ms apart, refresh by rewriting a 32-bit counter.
+// Its pattern searches take the directory part literally and throw
+// ovFileAccessError when the directory cannot be listed (a lock must not
+// mistake that for "no lock files").
 class OV_API ovNetworkFS : public ovAbstractFS {
 public:
     using ovAbstractFS::refreshLockFile;

@@ -11,6 +11,7 @@
 #include <boost/thread/exceptions.hpp>
 
 #include "common/only_throws.h"
+#include "fs/lock_dir_listing.h"
 #include "fs/lock_file_errors.h"
 #include "fs/posix_io.h"
 #include "fs/refresh_counter.h"
@@ -227,13 +228,15 @@ time_t ovNetworkFS::getFileLastModifiedTime(const char* path) {
 
 bool ovNetworkFS::matchingFileOrDirExists(const char* pattern) {
     ovIgnoreString ignore;
-    return ovFindMatchingFilesAndDirs(pattern, ignore, ignore, 0, true) == 1;
+    return detail::findInLockDirectory(pattern, ignore, ignore, 0, true) == 1;
 }
 
 unsigned ovNetworkFS::findMatchingFilesAndDirs(const char* pattern, const ovStringProcedure& onFile,
                                                const ovStringProcedure& onDir, int depth,
                                                bool stopAtFirst) {
-    return ovFindMatchingFilesAndDirs(pattern, onFile, onDir, depth, stopAtFirst);
+    // Lock files are looked for here: a directory that cannot be read is an
+    // error, not an empty one (see lock_dir_listing.h).
+    return detail::findInLockDirectory(pattern, onFile, onDir, depth, stopAtFirst);
 }
 
 uint16_t ovNetworkFS::disableWritePermission(const char* path) { return ovDisableWritePermission(path); }

@@ -92,3 +92,25 @@ char* dirGetList(const char* pattern, unsigned flags) {
     ::closedir(d);
     return ok ? block.finish() : nullptr;
 }
+
+int dirListMatching(const std::string& dir, const char* namePattern, bool stopAtFirst,
+                    std::vector<std::string>& names) {
+    DIR* d = ::opendir(dir.empty() ? "." : dir.c_str());
+    if (!d) return errno;
+    int err = 0;
+    for (;;) {
+        // readdir tells its end from its failure only through errno.
+        errno = 0;
+        struct dirent* e = ::readdir(d);
+        if (!e) {
+            err = errno;
+            break;
+        }
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        if (::fnmatch(namePattern, e->d_name, 0) != 0) continue;
+        names.push_back(e->d_name);
+        if (stopAtFirst) break;
+    }
+    ::closedir(d);
+    return err;
+}

@@ -8,6 +8,7 @@
 #include <stddef.h>
 
 #include <string>
+#include <vector>
 
 // Writes the current directory into buf (capacity size, terminator included).
 // Null when it cannot be had or does not fit.
@@ -33,6 +34,14 @@ bool hostIsMultiByteLead(int c);
 // listed. A last component without wildcards is looked up directly rather
 // than by reading the whole directory. flags is reserved and must be 0.
 char* dirGetList(const char* pattern, unsigned flags);
+
+// Names of the entries of dir ("" for the current directory) matching
+// namePattern (fnmatch), "." and ".." left out. dir is used as it is: no
+// character of it is read as a wildcard or a separator to wash. Stops after
+// the first match when stopAtFirst. Returns 0, or the errno with which
+// opening or reading the directory failed.
+int dirListMatching(const std::string& dir, const char* namePattern, bool stopAtFirst,
+                    std::vector<std::string>& names);
 
 // Splits path at its last separator: the directory part (without trailing
 // separators, "/" for the root, "" when there is none) goes into dir

@@ -43,30 +43,17 @@ ovPathString directoryOf(const std::string& name) {
 ovDirectoryReadWriteLock::ReadLock::Impl::WriterState
 ovDirectoryReadWriteLock::ReadLock::Impl::judgeWriteLock(const std::string& writeLockPath,
                                                          const ptime& deadline) {
-    bool stale;
-    try {
-        stale = staleTest(writeLockPath.c_str(), 30, deadline);
-    } catch (const ovFileNotFoundError&) {
-        // The writer released between our look and the judge's: writers
-        // release without the exclusive lock, so this is an ordinary race.
-        return NoWriter;
-    }
-    if (!stale) {
-        detail::keepRecentRead(*fs, writeLockPath);
-        return LiveWriter;
-    }
-    // An attribute-caching client can see a live writer's file tens of
-    // seconds old; its content still changes with every refresh.
-    switch (detail::confirmStale(*fs, writeLockPath, deadline)) {
-        case detail::StaleCheck::Live:
-            return LiveWriter;
-        case detail::StaleCheck::Gone:
+    switch (detail::judgeLockEntry(*this, writeLockPath, deadline)) {
+        case detail::EntryVerdict::Gone:
             return NoWriter;
-        case detail::StaleCheck::Stale:
+        case detail::EntryVerdict::Live:
+            return LiveWriter;
+        case detail::EntryVerdict::Stale:
             break;
     }
     // A failed removal is not looked at again: the writer is dead either way.
-    const bool removed = fs->removeFile(writeLockPath, detail::steadyNow() + boost::posix_time::seconds(1));
+    const bool removed =
+        detail::removeStaleEntry(*this, writeLockPath, detail::steadyNow() + boost::posix_time::seconds(1));
     return removed ? NoWriter : DeadWriterKept;
 }
 
@@ -96,6 +83,7 @@ bool ovDirectoryReadWriteLock::ReadLock::Impl::acquire(const time_duration& time
     const std::string writeLockPath = detail::joinLockName(directory, WRITE_LOCK_BASE);
     detail::requireMatchableLockNames(directory);
     if (count != 0) return false;
+    startAcquire();
 
     bool acquired = false;
     for (;;) {

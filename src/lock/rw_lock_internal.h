@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 
+#include <set>
 #include <string>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -135,6 +136,12 @@ struct RwHandleState {
         return count > 0;
     }
 
+    // Called as an acquire starts: what one acquire learnt is not kept.
+    void startAcquire() {
+        warnedKept.clear();
+        linkClock.reset();
+    }
+
     boost::timed_mutex mutex;
     ovDirectoryExclusiveLock exclusive;
     int32_t count;
@@ -142,7 +149,33 @@ struct RwHandleState {
     HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
     ovLockFileIsStale staleTest;
     boost::shared_ptr<ovAbstractFS> fs;
+    // Measured when the first symbolic link is judged (see judgeLockEntry).
+    boost::shared_ptr<FileTimeCalibration> linkClock;
+    // Stale files already reported as not removable during this acquire.
+    std::set<std::string> warnedKept;
 };
+
+// What sits at a lock file's name, judged as the lock acts on it.
+enum class EntryVerdict {
+    Gone,  // nothing there (any more)
+    Live,  // a holder's file, or anything too young to be called dead
+    Stale  // older than 30 s by the file server's clock, and confirmed so
+};
+
+// Regular files (and whatever else a lock file's name can hold: a FIFO, a
+// directory, a file we may not read) go through the handle's staleness judge
+// and the content watch of confirmStale. A symbolic link is judged by its own
+// modification time: following it would judge its target, or nothing at all
+// for a dangling link or a loop, and no holder ever made it, so there is no
+// content to watch.
+EntryVerdict judgeLockEntry(RwHandleState& state, const std::string& name,
+                            const boost::posix_time::ptime& deadline);
+
+// Removes a stale entry; true when it went (or had gone already). One that
+// stays (another user's file in a sticky directory, no write permission) is
+// reported on the warning channel with its owner, once per acquire.
+bool removeStaleEntry(RwHandleState& state, const std::string& name,
+                      const boost::posix_time::ptime& deadline);
 
 // One check-and-create pass: the directory's exclusive lock is asked for with
 // the time remaining before the deadline and is given back when the pass ends,

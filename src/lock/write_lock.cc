@@ -29,25 +29,13 @@ struct ovDirectoryReadWriteLock::WriteLock::Impl : detail::RwHandleState {
 };
 
 void ovDirectoryReadWriteLock::WriteLock::Impl::removeLockFileIfStale(const char* name,
-                                                                     int staleArg,
+                                                                     int /*staleArg*/,
                                                                      const ptime& deadline) {
     detail::rwLockOnlyThrows([&] {
-        bool stale;
-        try {
-            stale = staleTest(name, staleArg, deadline);
-        } catch (const ovFileNotFoundError&) {
-            // Readers release without the exclusive lock: the file went
-            // between the directory listing and this look. Nothing to remove.
-            return;
-        }
-        if (!stale) {
-            detail::keepRecentRead(*fs, name);
-            return;
-        }
-        // A client that caches attributes may see a live holder's file as
-        // old; only content that stayed the same while watched confirms it.
-        if (detail::confirmStale(*fs, name, deadline) != detail::StaleCheck::Stale) return;
-        fs->removeFile(std::string(name), deadline);
+        // A stale file that will not go is reported and waited on like a
+        // live one: the pass sleeps and looks again until the deadline.
+        if (detail::judgeLockEntry(*this, name, deadline) == detail::EntryVerdict::Stale)
+            detail::removeStaleEntry(*this, name, deadline);
     });
 }
 
@@ -80,12 +68,12 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
     using namespace boost::placeholders;
     const std::unique_ptr<ovStringProcedure> removeIfStale(ovNewStringProcedure(
         boost::bind(&Impl::removeLockFileIfStale, this, _1, 30, deadline)));
-    const ovIgnoreString ignore;
 
     const std::string readPattern = detail::joinLockName(directory, READ_LOCK_BASE) + "*";
     const std::string writeLockPath = detail::joinLockName(directory, WRITE_LOCK_BASE);
     detail::requireMatchableLockNames(directory);
     if (count != 0) return false;
+    startAcquire();
 
     bool acquired = false;
     for (;;) {
@@ -94,8 +82,10 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
         // its pass) this pass still tests and creates; createOwnFile keeps
         // two such passes from both winning.
         detail::ExclusivePass pass(exclusive, deadline);
-        fs->findMatchingFilesAndDirs(readPattern.c_str(), *removeIfStale, ignore, 0, false);
-        fs->findMatchingFilesAndDirs(writeLockPath.c_str(), *removeIfStale, ignore, 0, false);
+        // Directories count too: anything at a lock file's name keeps
+        // writers out, so anything there must be able to go once stale.
+        fs->findMatchingFilesAndDirs(readPattern.c_str(), *removeIfStale, *removeIfStale, 0, false);
+        fs->findMatchingFilesAndDirs(writeLockPath.c_str(), *removeIfStale, *removeIfStale, 0, false);
         if (!fs->matchingFileOrDirExists(readPattern.c_str()) &&
             !fs->matchingFileOrDirExists(writeLockPath.c_str())) {
             const Outcome outcome = createOwnFile(writeLockPath, readPattern, noRefresh);

@@ -77,16 +77,16 @@ std::string readFile(const std::string& path) {
     return ss.str();
 }
 
-void ageFile(const std::string& path, double secondsAgo) {
-    struct timeval now;
-    ::gettimeofday(&now, nullptr);
-    double t = now.tv_sec + now.tv_usec / 1e6 - secondsAgo;
-    struct timeval times[2];
+void ageFile(const std::string& path, double secondsAgo, bool linkItself) {
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const double t = now.tv_sec + now.tv_nsec / 1e9 - secondsAgo;
+    struct timespec times[2];
     times[0].tv_sec = static_cast<time_t>(t);
-    times[0].tv_usec = static_cast<suseconds_t>((t - static_cast<double>(times[0].tv_sec)) * 1e6);
+    times[0].tv_nsec = static_cast<long>((t - static_cast<double>(times[0].tv_sec)) * 1e9);
     times[1] = times[0];
-    if (::utimes(path.c_str(), times) != 0)
-        throw std::runtime_error("utimes " + path + ": " + std::strerror(errno));
+    if (::utimensat(AT_FDCWD, path.c_str(), times, linkItself ? AT_SYMLINK_NOFOLLOW : 0) != 0)
+        throw std::runtime_error("utimensat " + path + ": " + std::strerror(errno));
 }
 
 #if defined(__SANITIZE_THREAD__)
@@ -217,12 +217,16 @@ Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>
     return Child(pid);
 }
 
+bool becomeUser(uid_t uid, gid_t gid) {
+    // Supplementary groups first; afterwards we could not.
+    if (::setgroups(0, nullptr) != 0) return false;
+    if (::setgid(gid) != 0 || ::setuid(uid) != 0) return false;
+    return ::geteuid() != 0;  // a test must never run this as root by accident
+}
+
 int runAsUnprivileged(const std::function<int()>& fn, double timeoutSeconds) {
     Child c = forkChild([&fn]() -> int {
-        // Drop supplementary groups first; afterwards we could not.
-        if (::setgroups(0, nullptr) != 0) return 98;
-        if (::setgid(kUnprivilegedId) != 0 || ::setuid(kUnprivilegedId) != 0) return 98;
-        if (::geteuid() == 0) return 98;  // a test must never run this as root by accident
+        if (!becomeUser(kUnprivilegedId, kUnprivilegedId)) return 98;
         return fn();
     });
     return c.wait(timeoutSeconds);

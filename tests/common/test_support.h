@@ -33,8 +33,9 @@ void writeFile(const std::string& path, const std::string& content = "");
 std::string readFile(const std::string& path);
 
 // Sets a file's access and modification times to now - secondsAgo (may be
-// negative: in the future).
-void ageFile(const std::string& path, double secondsAgo);
+// negative: in the future); those of a symbolic link itself, not its target,
+// when linkItself.
+void ageFile(const std::string& path, double secondsAgo, bool linkItself = false);
 
 // Number of threads of this process (entries of /proc/self/task).
 int countThreads();
@@ -77,6 +78,10 @@ Child forkChild(const std::function<int()>& fn);
 // fork + execv of argv[0] with the given arguments (and extra environment
 // entries "NAME=value" added to the current environment).
 Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+
+// In a child about to run as another user: no supplementary groups, then the
+// given gid and uid. False if any step failed or root is still in effect.
+bool becomeUser(uid_t uid, gid_t gid);
 
 // Runs fn in a forked child that first drops to uid/gid 65534; returns the
 // child's decoded status.

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -15,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "log_capture.h"
 #include "orvane/rw_lock.h"
 #include "test_support.h"
 
@@ -84,6 +87,48 @@ std::vector<long> runAll(size_t n, Start start, const ovtest::TempDir& out, doub
     }
     return acquired;
 }
+
+// One acquire by a reader or writer in a forked child, so that a hang, a
+// crash or an escaping error shows as an outcome instead of taking the test
+// process with it.
+struct Attempt {
+    bool writer = false;
+    double seconds = 1.5;  // the acquire's time-out
+    uid_t uid = 0;         // run as this uid (and gid) unless 0
+    gid_t gid = 0;         // 0: same as uid
+    std::function<boost::shared_ptr<ovAbstractFS>()> fs;  // null: the default
+    std::string warningsTo;  // file to receive what the warning channel said
+};
+enum AttemptOutcome { kRefused = 0, kAcquired = 1, kAccessError = 2, kPermissionError = 3, kOtherError = 4 };
+// Starts the attempt; its wait(a.seconds + 30) gives the outcome, or -1: no
+// end within that time; 98: could not change user; 128 + N: killed by signal N.
+inline ovtest::Child startAttempt(const std::string& dir, const Attempt& a) {
+    return ovtest::forkChild([&]() -> int {
+        if (a.uid != 0 && !ovtest::becomeUser(a.uid, a.gid ? a.gid : a.uid)) return 98;
+        ovtest::LogCapture warnings(warning);
+        int outcome = kOtherError;
+        try {
+            ovDirectoryReadWriteLock rw(dir, a.fs ? a.fs() : ovGetDefaultFSImp());
+            const boost::posix_time::time_duration t = boost::posix_time::milliseconds(long(a.seconds * 1000));
+            if (a.writer) {
+                WriteLock lock = rw.getWriteLock();
+                outcome = lock.acquire(t, true) && lock.release() ? kAcquired : kRefused;
+            } else {
+                ReadLock lock = rw.getReadLock();
+                outcome = lock.acquire(t, true) && lock.release() ? kAcquired : kRefused;
+            }
+        } catch (const ovPermissionDenied&) {
+            outcome = kPermissionError;
+        } catch (const ovFileAccessError&) {
+            outcome = kAccessError;
+        } catch (...) {
+        }
+        if (!a.warningsTo.empty()) std::ofstream(a.warningsTo) << warnings.text();
+        return outcome;
+    });
+}
+
+inline int attemptInChild(const std::string& dir, const Attempt& a) { return startAttempt(dir, a).wait(a.seconds + 30); }
 
 }  // namespace rwtest
 
