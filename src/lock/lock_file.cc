@@ -4,6 +4,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/exceptions.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "common/only_throws.h"
 #include "lock/lock_loss_state.h"
@@ -134,16 +135,21 @@ ovLockFile::ovLockFile(const std::string& name_, const no_refresh_tag&,
 }
 
 // Destructors are noexcept: anything escaping below ends the process, which is
-// the intended rule for a failed cancel (e.g. an interrupted join) and for any
-// removal error other than the two ignored ones.
+// the intended rule for any removal error other than the two ignored ones.
 ovLockFile::~ovLockFile() {
     // Stop first, so that no refresh can recreate the file after its removal.
     // A refresh stuck in the file system (a frozen mount) is not waited for
     // beyond a few seconds; the file is then left alone, to age out like a
     // dead holder's, since any further call could hang as well.
-    if (loss) loss->stopWatch();
     bool stopped = true;
-    if (refreshTask) stopped = detail::cancelWithin(*refreshTask, kStopWait);
+    {
+        // Both waits are bounded, so an interruption of this thread need not
+        // cut them short (it would escape the destructor); it stays pending
+        // for the file work below and the caller's next wait.
+        boost::this_thread::disable_interruption bounded;
+        if (loss) loss->stopWatch();
+        if (refreshTask) stopped = detail::cancelWithin(*refreshTask, kStopWait);
+    }
     if (!stopped) return;
     if (loss && !loss->notMine()) {
         // Silent past the limit: another holder may have taken over. Unless
