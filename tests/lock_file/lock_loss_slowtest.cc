@@ -84,6 +84,7 @@ TEST(LockLossSlow, SilentHoldersAreToldInTimeAndNeverTouchATakenOverFile) {
     // Nothing returns from the frozen file system, yet the holder is told.
     ASSERT_TRUE(waitFor([&] { return frozen.calls > 0; }, 35)) << "a hung refresh hid the silence";
     const double toldAfter = monotonicSeconds() - start;
+    RecordProperty("told_after_ms", static_cast<int>(toldAfter * 1000));
     EXPECT_GE(toldAfter, 19.5);
     EXPECT_LE(toldAfter, 25.0) << "others take over at 30 s";
     EXPECT_EQ(frozen.reason, ovLockRefreshFailing);
@@ -118,7 +119,9 @@ TEST(LockLossSlow, SilentHoldersAreToldInTimeAndNeverTouchATakenOverFile) {
         frozen.lock.reset();
         destroyed = true;
     });
+    const double destroyStart = monotonicSeconds();
     EXPECT_TRUE(waitFor([&] { return destroyed.load(); }, 10)) << "release hangs with the file system";
+    RecordProperty("destroyed_after_ms", static_cast<int>((monotonicSeconds() - destroyStart) * 1000));
     EXPECT_TRUE(pathExists(frozen.name));
     frozen.fs->set(PausableFS::Working);  // lets the hung call, and an old-style join, finish
     destroyer.join();
