@@ -4,8 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include <boost/make_shared.hpp>
@@ -26,16 +24,6 @@ std::vector<std::string> command(const std::string& work) {
                                "/started; i=0; while [ $i -lt 600 ] && [ ! -e " + work +
                                "/go ]; do sleep 0.1; i=$((i+1)); done; echo > " + work + "/ended; exit 3";
     return {"/bin/sh", "-c", script};
-}
-
-// Running, and not merely a zombie nobody reaped yet.
-bool alive(pid_t pid) {
-    if (kill(pid, 0) != 0) return false;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    const size_t close = line.rfind(')');
-    return close == std::string::npos || line.compare(close, 3, ") Z") != 0;
 }
 
 // Counts the owned refreshes that reach it.
@@ -108,16 +96,16 @@ TEST(ToolLoss, LostLockIsReportedCommandHandledAndExitCodeDistinct) {
 // What COMMAND started in the background goes with it.
 TEST(ToolLoss, LostLockStopsTheCommandsWholeProcessGroup) {
     ovtest::TempDir dir, work;
-    const std::string pidFile = work.file("pid");
-    Running tool({"-q", dir.path(), "/bin/sh", "-c", "sleep 300 & echo $! > " + pidFile + "; wait"});
-    ASSERT_TRUE(waitUntil([&] { return ovtest::readFile(pidFile).size() > 1; }));
-    const pid_t grandchild = std::atoi(ovtest::readFile(pidFile).c_str());
+    std::vector<std::string> args = {"-q", dir.path()};
+    for (const std::string& a : withBackgroundJob(work.file("pid"))) args.push_back(a);
+    Running tool(args);
+    const pid_t grandchild = backgroundJob(work.file("pid"));
     ASSERT_GT(grandchild, 1);
     ovtest::writeFile(dir.file(".deploy_lock.0"), "another holder");
     const Outcome o = tool.wait(20);
     EXPECT_EQ(75, o.status) << o.err;
-    EXPECT_TRUE(waitUntil([&] { return !alive(grandchild); }, 5)) << "COMMAND's background job runs on";
-    if (alive(grandchild)) kill(grandchild, SIGKILL);
+    EXPECT_TRUE(waitUntil([&] { return !processAlive(grandchild); }, 5)) << "COMMAND's background job runs on";
+    if (processAlive(grandchild)) kill(grandchild, SIGKILL);
     EXPECT_EQ("another holder", ovtest::readFile(dir.file(".deploy_lock.0")));
 }
 
