@@ -7,13 +7,12 @@
 // behind on purpose (another process takes it over once it is stale); the
 // tool cannot wait 30 seconds for that, so it removes what it still owns.
 //
-// It also cancels a waiting acquire safely. Interrupting the waiting thread
-// is not safe at every moment: a thread interrupted while it stops a lock
-// file's refresh timer (the join in ~ovLockFile) ends the process, by the
-// library's rules. That join happens while the directory's level-0 file is
-// held (the read/write locks take it for each check), so the waiter is never
-// interrupted while it holds level 0; a read/write acquire that holds it is
-// stopped instead by its next check, which throws Cancelled.
+// It also cancels a waiting acquire safely. The waiter is never interrupted
+// while it holds the directory's level-0 file (the read/write locks take it
+// for each check), so an interruption never lands between taking that file
+// and giving it back; a read/write acquire that holds it is stopped instead
+// by its next check, which throws Cancelled. (~ovLockFile itself waits for
+// its threads without being interrupted.)
 
 #include <mutex>
 #include <set>

@@ -2,8 +2,8 @@
 #define ORVANE_LOCK_LOCK_LOSS_STATE_H
 
 // What a refreshing lock file knows about whether its holder still owns it.
-// Shared between the ovLockFile and its refresh task, so that the task never
-// touches the ovLockFile object itself.
+// Shared between the ovLockFile, its refresh task and its watchdog, so that
+// neither thread ever touches the ovLockFile object itself.
 
 #include <atomic>
 #include <chrono>
