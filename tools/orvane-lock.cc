@@ -208,6 +208,22 @@ bool isForwarded(int sig) {
     return false;
 }
 
+// COMMAND runs in a process group of its own. When the tool's group has the
+// terminal's foreground, COMMAND's group gets it instead while it runs, so
+// that it reads the terminal (and gets its ^C) as it would without the tool.
+bool hasTerminal() { return isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp(); }
+
+// Gives the terminal to `group`. Async-signal-safe. SIGTTOU is blocked
+// meanwhile: that lets a group out of the foreground take it back.
+void giveTerminal(pid_t group) {
+    sigset_t ttou, old;
+    sigemptyset(&ttou);
+    sigaddset(&ttou, SIGTTOU);
+    pthread_sigmask(SIG_BLOCK, &ttou, &old);
+    (void)tcsetpgrp(STDIN_FILENO, group);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
 struct AcquireResult {
     std::atomic<bool> done{false};
     bool acquired = false;
@@ -237,6 +253,7 @@ int runCommand(const Options& opt, const SignalSet& signals, const std::atomic<i
     }
     std::cout.flush();
     std::fflush(nullptr);
+    const bool foreground = hasTerminal();
     const pid_t child = fork();
     if (child < 0) {
         const int err = errno;
@@ -248,6 +265,10 @@ int runCommand(const Options& opt, const SignalSet& signals, const std::atomic<i
     if (child == 0) {
         // Only async-signal-safe calls from here on: other threads of the
         // parent (the refresh timer) may have held locks at fork time.
+        // A process group of its own, so that a lost lock stops everything
+        // COMMAND started, not only COMMAND itself.
+        setpgid(0, 0);
+        if (foreground) giveTerminal(getpid());  // both sides do it, as shells do
         signal(SIGCHLD, SIG_DFL);
         pthread_sigmask(SIG_SETMASK, &signals.original(), nullptr);
         execv(path.c_str(), argv.data());
@@ -256,6 +277,9 @@ int runCommand(const Options& opt, const SignalSet& signals, const std::atomic<i
         (void)ignored;
         _exit(err == ENOENT ? kExitNotFound : kExitCannotExecute);
     }
+    // Also here, so that the group exists before any kill below.
+    setpgid(child, child);
+    if (foreground) giveTerminal(child);
     close(report[1]);
     int execError = 0;
     ssize_t n;
@@ -267,6 +291,7 @@ int runCommand(const Options& opt, const SignalSet& signals, const std::atomic<i
         int status;
         while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }
+        if (foreground) giveTerminal(getpgrp());
         die(opt.command[0] + ": " + std::strerror(execError));
         return execError == ENOENT ? kExitNotFound : kExitCannotExecute;
     }
@@ -281,18 +306,23 @@ int runCommand(const Options& opt, const SignalSet& signals, const std::atomic<i
             die("lock on " + opt.dir + " lost (" + ovLockLossReasonText(why) + ")");
             // Another process may hold the lock now: stop COMMAND before it
             // does more under a lock it no longer has, unless told not to.
-            if (opt.onLost == OnLost::Term) kill(child, SIGTERM);
-            if (opt.onLost == OnLost::Kill) kill(child, SIGKILL);
+            if (opt.onLost == OnLost::Term) kill(-child, SIGTERM);
+            if (opt.onLost == OnLost::Kill) kill(-child, SIGKILL);
         }
         int status;
         const pid_t done = waitpid(child, &status, WNOHANG);
         if (done == child) {
+            if (foreground) giveTerminal(getpgrp());
+            // What COMMAND left running in its group must not work on
+            // under a lock that another process may hold now.
+            if (lostSeen && opt.onLost == OnLost::Term) kill(-child, SIGTERM);
+            if (lostSeen && opt.onLost == OnLost::Kill) kill(-child, SIGKILL);
             if (lostSeen) return kExitLockLost;
             if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
             return WEXITSTATUS(status);
         }
         const int sig = signals.wait();
-        if (isForwarded(sig)) kill(child, sig);
+        if (isForwarded(sig)) kill(-child, sig);
     }
 }
 
@@ -345,18 +375,27 @@ int runLocked(const Options& opt) {
     waiter.join();
 
     // From here on every path lets go of the lock and then removes whatever
-    // file of ours an interrupted or failed acquire left in DIR.
+    // file of ours an interrupted or failed acquire left in DIR. The held
+    // file is the lock's to remove: its release checks that it is still
+    // ours, and leaves it to a new holder otherwise.
+    if (result.acquired) fs->keepHeld();
     auto finish = [&](int code) {
+        if (lost.load() == ovLockRefreshFailing) {
+            // Lost by silence: the file server may not be answering at all
+            // (a frozen mount), and the release or the clean-up could hang
+            // in it. The file ages out like a dead holder's; exit now,
+            // without the destructors that would release.
+            std::cout.flush();
+            std::cerr.flush();
+            std::fflush(nullptr);
+            _exit(code);
+        }
         try {
             if (result.acquired) lock->release();
         } catch (const ovFileBasedLockError& e) {
             die("releasing the lock on " + opt.dir + ": " + e.what());
         }
         lock.reset();
-        // A file rewritten by another holder is theirs now, lock and all: the
-        // release above left it alone, and so must the clean-up (which exists
-        // for what an interrupted acquire leaves behind, not a held lock).
-        if (lost.load() == ovLockFileRewritten) return code;
         for (const std::string& name : fs->removeOwned()) die("could not remove " + name);
         return code;
     };

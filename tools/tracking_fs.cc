@@ -8,12 +8,19 @@ TrackingFS::TrackingFS(const boost::shared_ptr<ovAbstractFS>& inner) : inner_(in
 
 void TrackingFS::remember(const std::string& name) {
     std::lock_guard<std::mutex> guard(mutex_);
-    owned_.insert(name);
+    if (!held_.count(name)) owned_.insert(name);
 }
 
 void TrackingFS::forget(const std::string& name) {
     std::lock_guard<std::mutex> guard(mutex_);
     owned_.erase(name);
+    held_.erase(name);
+}
+
+void TrackingFS::keepHeld() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    held_.insert(owned_.begin(), owned_.end());
+    owned_.clear();
 }
 
 bool TrackingFS::isLevelZero(const std::string& name) {
@@ -68,6 +75,21 @@ bool TrackingFS::removeFile(const std::string& name, const boost::posix_time::pt
 
 bool TrackingFS::refreshLockFile(const std::string& name,
                                  const boost::posix_time::ptime& deadline) {
+    beforeRefresh(name);
+    return inner_->refreshLockFile(name, deadline);
+}
+
+ovOwnedRefreshResult TrackingFS::refreshOwnedLockFile(const std::string& name,
+                                                      const boost::posix_time::ptime& deadline,
+                                                      const std::string& expected,
+                                                      const std::string& content) {
+    // The inner file system's own check-and-write (one open, exclusive
+    // re-create), not the interface's default made of two other slots.
+    beforeRefresh(name);
+    return inner_->refreshOwnedLockFile(name, deadline, expected, content);
+}
+
+void TrackingFS::beforeRefresh(const std::string& name) {
     // A rewrite is how a waiter takes over a stale level file: it is ours now.
     // Remember before the call, so an interruption inside it leaves no orphan.
     remember(name);
@@ -85,7 +107,6 @@ bool TrackingFS::refreshLockFile(const std::string& name,
             holdsLevelZero_ = true;
         }
     }
-    return inner_->refreshLockFile(name, deadline);
 }
 
 time_t TrackingFS::getFileLastModifiedTime(const char* path) {

@@ -7,13 +7,12 @@
 // behind on purpose (another process takes it over once it is stale); the
 // tool cannot wait 30 seconds for that, so it removes what it still owns.
 //
-// It also cancels a waiting acquire safely. Interrupting the waiting thread
-// is not safe at every moment: a thread interrupted while it stops a lock
-// file's refresh timer (the join in ~ovLockFile) ends the process, by the
-// library's rules. That join happens while the directory's level-0 file is
-// held (the read/write locks take it for each check), so the waiter is never
-// interrupted while it holds level 0; a read/write acquire that holds it is
-// stopped instead by its next check, which throws Cancelled.
+// It also cancels a waiting acquire safely. The waiter is never interrupted
+// while it holds the directory's level-0 file (the read/write locks take it
+// for each check), so an interruption never lands between taking that file
+// and giving it back; a read/write acquire that holds it is stopped instead
+// by its next check, which throws Cancelled. (~ovLockFile itself waits for
+// its threads without being interrupted.)
 
 #include <mutex>
 #include <set>
@@ -58,6 +57,10 @@ public:
     uint16_t disableWritePermission(const char* path) override;
     uint16_t enableWritePermission(const char* path) override;
     bool readLockFileContent(const std::string& name, std::string& content) override;
+    ovOwnedRefreshResult refreshOwnedLockFile(const std::string& name,
+                                              const boost::posix_time::ptime& deadline,
+                                              const std::string& expected,
+                                              const std::string& content) override;
 
     // The thread that waits for the lock; call from that thread first.
     void setWaiter(boost::thread::id waiter);
@@ -65,6 +68,11 @@ public:
     // Call again until the waiter has finished (an interruption is only sent
     // while it holds no level-0 file).
     void cancel(boost::thread& waiter);
+
+    // The lock is held: the files owned now are its held file, which is the
+    // lock's to release (or to leave to its new holder after a loss), never
+    // removeOwned()'s. They are no longer tracked until removed.
+    void keepHeld();
 
     // Files created or rewritten here and not removed since.
     std::vector<std::string> owned() const;
@@ -75,12 +83,15 @@ public:
 private:
     void remember(const std::string& name);
     void forget(const std::string& name);
+    // What every refresh does before the inner call.
+    void beforeRefresh(const std::string& name);
     static bool isLevelZero(const std::string& name);
     void checkCancelled() const;
 
     boost::shared_ptr<ovAbstractFS> inner_;
     mutable std::mutex mutex_;  // refresh timers call in from their own threads
     std::set<std::string> owned_;
+    std::set<std::string> held_;  // see keepHeld()
     boost::thread::id waiter_;
     bool holdsLevelZero_ = false;  // the waiter's level-0 file, with its timer
     bool cancelled_ = false;

@@ -28,10 +28,10 @@ enum ovLockLossReason {
 // for ovLockNotLost and "unknown" for any other value.
 OV_API const char* ovLockLossReasonText(ovLockLossReason r);
 
-// Called once, on the refresh thread, when a holder's loss is found. (A
-// refresh that fails with an error ends the refresh thread; the call then
-// comes from a one-shot timer thread of the same lock file once 20 s have
-// passed without a refresh.)
+// Called once, when a holder's loss is found, on a thread of the lock file:
+// its refresh thread, or its watchdog, which reports a silence of 20 s even
+// while a refresh hangs in the file system (a frozen mount) or after the
+// refresh thread ended by an error. Exactly one of them makes the call.
 //
 // It runs on a thread of the lock file, so it must NOT release the lock or
 // destroy the lock object (either joins that very thread: the process
@@ -56,7 +56,10 @@ public:
     // Creates or touches the file once; never refreshes it.
     ovLockFile(const std::string& name, const no_refresh_tag&,
                const boost::shared_ptr<ovAbstractFS>& fs);
-    // Stops the refresh, then removes the file.
+    // Stops the refresh, then removes the file if it is still this holder's.
+    // A refresh hung in the file system is waited for a few seconds at most;
+    // the file is then left to age out, as it is after a silence of more than
+    // 20 s unless its content shows it is still ours.
     ~ovLockFile();
 
     boost::posix_time::time_duration getRefreshInterval() const;
@@ -69,13 +72,14 @@ public:
     // before writing, that the file still holds what this holder last wrote;
     // isLost() also notices at once, on the caller's thread, that no refresh
     // has succeeded for 20 s (a holder resumed after a long pause). Once lost,
-    // always lost, with the first reason found. After ovLockFileRewritten the
-    // file is someone else's: it is no longer refreshed, and destroying this
-    // object leaves it alone.
+    // always lost, with the first reason found. Once the file was seen
+    // rewritten by someone else, whatever reason was found first, it is
+    // theirs: it is no longer refreshed, and destroying this object leaves it
+    // alone.
     bool isLost() const;
     ovLockLossReason getLossReason() const;
-    // Replaces the callback. A loss already found is still reported once, at
-    // the next refresh period.
+    // Replaces the callback. A loss already found is still reported once,
+    // within a quarter of a second.
     void setLostCallback(const ovLockLostCallback& callback);
 
 private:

@@ -5,8 +5,6 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include <boost/bind/bind.hpp>
 #include <boost/weak_ptr.hpp>
 
@@ -16,7 +14,7 @@ namespace detail {
 
 namespace {
 
-void reportSilence(const boost::weak_ptr<LockLossState>& weak) {
+void watchOnce(const boost::weak_ptr<LockLossState>& weak) {
     if (const boost::shared_ptr<LockLossState> state = weak.lock()) {
         state->evaluate();
         state->reportIfDue();
@@ -26,6 +24,7 @@ void reportSilence(const boost::weak_ptr<LockLossState>& weak) {
 }  // namespace
 
 constexpr std::chrono::seconds LockLossState::kMaxSilence;
+constexpr std::chrono::milliseconds LockLossState::kWatchPeriod;
 
 LockLossState::LockLossState(const std::string& token)
     : reason_(ovLockNotLost), lastSuccess_(Clock::now().time_since_epoch().count()), token_(token) {}
@@ -37,10 +36,18 @@ void LockLossState::markLost(ovLockLossReason why) {
 
 ovLockLossReason LockLossState::reason() const { return static_cast<ovLockLossReason>(reason_.load()); }
 
+bool LockLossState::silentTooLong() const {
+    return Clock::now().time_since_epoch() - Clock::duration(lastSuccess_.load()) > kMaxSilence;
+}
+
 ovLockLossReason LockLossState::evaluate() {
-    const Clock::duration silence = Clock::now().time_since_epoch() - Clock::duration(lastSuccess_.load());
-    if (silence > kMaxSilence) markLost(ovLockRefreshFailing);
+    if (silentTooLong()) markLost(ovLockRefreshFailing);
     return reason();
+}
+
+void LockLossState::markNotMine() {
+    notMine_.store(true);
+    markLost(ovLockFileRewritten);
 }
 
 std::string LockLossState::nextContent() const {
@@ -56,8 +63,12 @@ std::string LockLossState::expectedContent() const {
     return expected_;
 }
 
-void LockLossState::refreshSucceeded(const std::string& written) {
-    lastSuccess_.store(Clock::now().time_since_epoch().count());
+void LockLossState::refreshSucceeded(const std::string& written, Clock::time_point started) {
+    // Never moved back: two refreshes may report out of order.
+    Clock::rep last = lastSuccess_.load();
+    const Clock::rep now = started.time_since_epoch().count();
+    while (last < now && !lastSuccess_.compare_exchange_weak(last, now)) {
+    }
     std::lock_guard<std::mutex> guard(mutex_);
     expected_ = written;
 }
@@ -85,15 +96,11 @@ void LockLossState::reportIfDue() {
     }
 }
 
-void LockLossState::watchSilence(const boost::shared_ptr<LockLossState>& self) {
-    const Clock::duration silence = Clock::now().time_since_epoch() - Clock::duration(lastSuccess_.load());
-    // A little past the limit, so that evaluate() finds it passed.
-    const long long us =
-        std::chrono::duration_cast<std::chrono::microseconds>(kMaxSilence - silence).count() + 50000;
+void LockLossState::startWatchdog(const boost::shared_ptr<LockLossState>& self) {
     // The state does not keep itself alive through its own timer.
-    const boost::function0<void> report = boost::bind(&reportSilence, boost::weak_ptr<LockLossState>(self));
+    const boost::function0<void> watch = boost::bind(&watchOnce, boost::weak_ptr<LockLossState>(self));
     const boost::shared_ptr<ovTimerTask> task =
-        ovSetTimer(report, boost::posix_time::microseconds(std::max(us, 1000LL)), false);
+        ovSetTimer(watch, boost::posix_time::milliseconds(kWatchPeriod.count()), true);
     std::lock_guard<std::mutex> guard(mutex_);
     watch_ = task;
 }

@@ -43,7 +43,22 @@ void ovTimerTaskImpl::cancel() {
     if (thread_.joinable()) thread_.join();
 }
 
+bool ovTimerTaskImpl::cancelWithin(const pt::time_duration& wait) {
+    thread_.interrupt();
+    if (!thread_.joinable()) return true;
+    if (thread_.timed_join(wait)) return true;
+    // The thread owns copies of all it uses: it may outlive this handle.
+    thread_.detach();
+    return false;
+}
+
 namespace detail {
+
+bool cancelWithin(ovTimerTask& task, const pt::time_duration& wait) {
+    if (ovTimerTaskImpl* impl = dynamic_cast<ovTimerTaskImpl*>(&task)) return impl->cancelWithin(wait);
+    task.cancel();
+    return true;
+}
 
 void sleep_then_call(const boost::function0<void>& f, const pt::ptime& deadline) {
     // An interruption that arrived while the previous call of f ran (and f

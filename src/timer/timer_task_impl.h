@@ -20,6 +20,11 @@ public:
 
     bool is_cancelled() const override;
     void cancel() override;
+    // As cancel(), but waits at most `wait` for the thread to end; a thread
+    // still running then (stuck in a call that ignores interruption, such as
+    // a hung file system) is detached and left to end by itself. True if it
+    // ended.
+    bool cancelWithin(const boost::posix_time::time_duration& wait);
 
 private:
     boost::thread thread_;
@@ -30,6 +35,9 @@ private:
 };
 
 namespace detail {
+
+// cancelWithin() for any task; other implementations get a plain cancel().
+bool cancelWithin(ovTimerTask& task, const boost::posix_time::time_duration& wait);
 
 // Waits until the deadline on the steady time line (every wait an interruption point),
 // then calls f. An empty f throws boost::bad_function_call.

@@ -147,7 +147,11 @@ TEST(ExclusiveLoss, RefreshesFailingForTwentyOneSecondsAreReported) {
     EXPECT_TRUE(waitFor([&] { return calls > 0; }, 5));
     EXPECT_EQ(reason, ovLockRefreshFailing);
     EXPECT_EQ(calls2, 1);
+    // Taken over meanwhile: the silence was found first, yet the release
+    // sees the rewrite and leaves the new holder's file.
+    writeFile(level0(dir2.path()), "new holder");
     EXPECT_TRUE(lock2.release());
+    EXPECT_EQ(readFile(level0(dir2.path())), "new holder");
     // Refreshes work again: still lost, and the file is still ours to remove.
     fs->stalled = false;
     usleep(1500 * 1000);

@@ -101,7 +101,7 @@ TEST(RwLock, HandlesAcquireOnceReleaseOnceShareStateAndOutliveTheObject) {
     EXPECT_FALSE(reader.release());
 
     ASSERT_TRUE(writer.acquire(seconds(10)));
-    EXPECT_EQ(threads + 1, ovtest::countThreads()) << "a refreshing holder has its timer thread";
+    EXPECT_EQ(threads + 2, ovtest::countThreads()) << "a refreshing holder has its timer thread and watchdog";
     EXPECT_TRUE(writeLockExists(dir.path()));
     EXPECT_FALSE(writer.acquire(seconds(1)));
     EXPECT_TRUE(writer.release());

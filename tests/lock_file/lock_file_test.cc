@@ -60,13 +60,15 @@ TEST(LockFile, MissingOrRemovedDirectory) {
     const int threads = countThreads();
     {
         ovLockFile lf(sub + "/held", pt::seconds(1), ovGetDefaultFSImp());
-        EXPECT_EQ(countThreads(), threads + 1);
+        EXPECT_EQ(countThreads(), threads + 2) << "the refresh thread and its watchdog";
         ASSERT_EQ(::unlink((sub + "/held").c_str()), 0);
         ASSERT_EQ(::rmdir(sub.c_str()), 0);
         EXPECT_THROW(static_cast<void>(static_cast<bool>(lf)), ovNoSuchDirectory);
-        // The next refresh meets the missing directory and ends its task quietly.
-        EXPECT_TRUE(waitFor([&] { return countThreads() == threads; }, 5));
+        // The next refresh meets the missing directory and ends its task
+        // quietly; the watchdog stays until the object goes.
+        EXPECT_TRUE(waitFor([&] { return countThreads() == threads + 1; }, 5));
     }
+    EXPECT_TRUE(waitFor([&] { return countThreads() == threads; }, 2));
     EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{}) << "nothing may be recreated";
 }
 
@@ -109,7 +111,8 @@ TEST(LockFile, ManyRefreshingFilesLeaveNoThreadBehind) {
         for (int i = 0; i < 5; ++i)
             files.emplace_back(new ovLockFile(dir.file(std::to_string(i)), pt::milliseconds(200),
                                               ovGetDefaultFSImp()));
-        ASSERT_TRUE(waitFor([&] { return countThreads() == threads + 5; }, 2)) << countThreads();
+        // Each has a refresh thread and a watchdog.
+        ASSERT_TRUE(waitFor([&] { return countThreads() == threads + 10; }, 2)) << countThreads();
     }
     // A joined thread may linger in /proc for a moment; a leaked one stays.
     EXPECT_TRUE(waitFor([&] { return countThreads() == threads; }, 2)) << countThreads();

@@ -6,10 +6,12 @@
 
 #include <string>
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
 #include "test_support.h"
 #include "tool_runner.h"
+#include "tracking_fs.h"
 
 using namespace tooltest;
 
@@ -23,6 +25,22 @@ std::vector<std::string> command(const std::string& work) {
                                "/go ]; do sleep 0.1; i=$((i+1)); done; echo > " + work + "/ended; exit 3";
     return {"/bin/sh", "-c", script};
 }
+
+// Counts the owned refreshes that reach it.
+class CountingFS : public ovNetworkFS {
+public:
+    using ovAbstractFS::refreshLockFile;
+    int ownedRefreshes = 0, plainRefreshes = 0;
+    ovOwnedRefreshResult refreshOwnedLockFile(const std::string& name, const boost::posix_time::ptime& deadline,
+                                              const std::string& expected, const std::string& content) override {
+        ++ownedRefreshes;
+        return ovNetworkFS::refreshOwnedLockFile(name, deadline, expected, content);
+    }
+    bool refreshLockFile(const std::string& name, const boost::posix_time::ptime& deadline) override {
+        ++plainRefreshes;
+        return ovNetworkFS::refreshLockFile(name, deadline);
+    }
+};
 
 }  // namespace
 
@@ -73,6 +91,44 @@ TEST(ToolLoss, LostLockIsReportedCommandHandledAndExitCodeDistinct) {
         // The new holder's file is left as it is.
         EXPECT_EQ("another holder", ovtest::readFile(dir.file(file)));
     }
+}
+
+// What COMMAND started in the background goes with it.
+TEST(ToolLoss, LostLockStopsTheCommandsWholeProcessGroup) {
+    ovtest::TempDir dir, work;
+    std::vector<std::string> args = {"-q", dir.path()};
+    for (const std::string& a : withBackgroundJob(work.file("pid"))) args.push_back(a);
+    Running tool(args);
+    const pid_t grandchild = backgroundJob(work.file("pid"));
+    ASSERT_GT(grandchild, 1);
+    ovtest::writeFile(dir.file(".deploy_lock.0"), "another holder");
+    const Outcome o = tool.wait(20);
+    EXPECT_EQ(75, o.status) << o.err;
+    EXPECT_TRUE(waitUntil([&] { return !processAlive(grandchild); }, 5)) << "COMMAND's background job runs on";
+    if (processAlive(grandchild)) kill(grandchild, SIGKILL);
+    EXPECT_EQ("another holder", ovtest::readFile(dir.file(".deploy_lock.0")));
+}
+
+// The tool's file system hands the owned refresh to the one it wraps, whose
+// own check-and-write it is, and the held file is left to the lock.
+TEST(ToolLoss, TrackingFileSystemForwardsTheOwnedRefreshAndSparesTheHeldFile) {
+    ovtest::TempDir dir;
+    const auto inner = boost::make_shared<CountingFS>();
+    orvane_tool::TrackingFS fs(inner);
+    const std::string held = dir.file("held"), queued = dir.file("queued");
+    const auto in1s = ovSteadyNow() + boost::posix_time::seconds(1);
+    EXPECT_EQ(ovRefreshFoundMissing, fs.refreshOwnedLockFile(held, in1s, "", "AAAAmine"));
+    EXPECT_EQ(1, inner->ownedRefreshes);
+    EXPECT_EQ(0, inner->plainRefreshes) << "the interface's two-call default ran";
+    EXPECT_EQ(std::vector<std::string>{held}, fs.owned());
+
+    fs.keepHeld();
+    EXPECT_EQ(ovRefreshedOwned, fs.refreshOwnedLockFile(held, in1s, "AAAAmine", "BBBBmine"));
+    ASSERT_TRUE(fs.createFile(queued.c_str()));
+    EXPECT_EQ(std::vector<std::string>{queued}, fs.owned());
+    EXPECT_TRUE(fs.removeOwned().empty());
+    EXPECT_TRUE(exists(held)) << "the clean-up removed the held file";
+    EXPECT_FALSE(exists(queued));
 }
 
 TEST(ToolLoss, OnLostTakesOnlyItsThreeWords) {

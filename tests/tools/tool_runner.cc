@@ -3,10 +3,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 
 namespace tooltest {
 
@@ -55,5 +57,27 @@ std::vector<std::string> listDir(const std::string& dir) {
 }
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+bool processAlive(pid_t pid) {
+    if (kill(pid, 0) != 0) return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const size_t close = line.rfind(')');
+    return close == std::string::npos || line.compare(close, 3, ") Z") != 0;
+}
+
+std::vector<std::string> withBackgroundJob(const std::string& pidFile) {
+    return {"/bin/sh", "-c", "sleep 300 & echo $! > " + pidFile + "; wait"};
+}
+
+pid_t backgroundJob(const std::string& pidFile) {
+    pid_t pid = 0;
+    waitUntil([&] {
+        std::ifstream in(pidFile);
+        return static_cast<bool>(in >> pid);
+    });
+    return pid;
+}
 
 }  // namespace tooltest

@@ -3,6 +3,8 @@
 
 // Runs the orvane-lock binary as a real process with its output in files.
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -40,6 +42,14 @@ bool waitUntil(const std::function<bool()>& pred, double timeoutSeconds = 20);
 std::vector<std::string> listDir(const std::string& dir);
 
 bool exists(const std::string& path);
+
+// Running, and not merely a zombie nobody reaped yet.
+bool processAlive(pid_t pid);
+
+// A COMMAND that starts `sleep 300` in the background, writes its pid to
+// pidFile and waits for it; backgroundJob() reads that pid (0 if it never came).
+std::vector<std::string> withBackgroundJob(const std::string& pidFile);
+pid_t backgroundJob(const std::string& pidFile);
 
 }  // namespace tooltest
 
