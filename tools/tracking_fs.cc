@@ -86,7 +86,15 @@ ovOwnedRefreshResult TrackingFS::refreshOwnedLockFile(const std::string& name,
     // The inner file system's own check-and-write (one open, exclusive
     // re-create), not the interface's default made of two other slots.
     beforeRefresh(name);
-    return inner_->refreshOwnedLockFile(name, deadline, expected, content);
+    const ovOwnedRefreshResult result = inner_->refreshOwnedLockFile(name, deadline, expected, content);
+    if (result == ovRefreshFoundRewritten) {
+        // Someone else's file (a take-over that lost to a rival's, or a held
+        // file taken over): never ours to remove at clean-up.
+        forget(name);
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (isLevelZero(name) && boost::this_thread::get_id() == waiter_) holdsLevelZero_ = false;
+    }
+    return result;
 }
 
 void TrackingFS::beforeRefresh(const std::string& name) {

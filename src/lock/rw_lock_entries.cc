@@ -1,14 +1,12 @@
 // Judging and removing what the read/write lock finds at its files' names.
 
 #include <errno.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
-#include <boost/make_shared.hpp>
-
+#include "fs/posix_io.h"
 #include "lock/rw_lock_internal.h"
 #include "lock/stale_confirmation.h"
 #include "orvane/log_channel.h"
@@ -21,29 +19,11 @@ namespace {
 
 const long kStaleSeconds = 30;
 
-// "alice (uid 1000)", or "uid 1000" for a uid without a name here.
-std::string ownerText(uid_t uid) {
-    struct passwd pw;
-    struct passwd* found = nullptr;
-    std::vector<char> buf(16384);
-    const std::string id = "uid " + std::to_string(static_cast<unsigned long>(uid));
-    if (::getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) == 0 && found && found->pw_name)
-        return std::string(found->pw_name) + " (" + id + ")";
-    return id;
-}
-
 }  // namespace
 
 EntryVerdict judgeLockEntry(RwHandleState& state, const std::string& name, const pt::ptime& deadline) {
-    struct stat st;
-    if (::lstat(name.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        if (!state.linkClock)
-            state.linkClock = boost::make_shared<FileTimeCalibration>(state.directory, deadline, state.fs);
-        const pt::time_duration age = utcNow() - (*state.linkClock)(static_cast<long>(st.st_mtime));
-        const pt::time_duration maxAge = pt::seconds(kStaleSeconds);
-        // Dated far ahead proves nothing either, as for any lock file.
-        return age.is_special() || age > maxAge || age < -maxAge ? EntryVerdict::Stale : EntryVerdict::Live;
-    }
+    // A link or other junk is judged by its own date (the judge reads it with
+    // lstat), then by a watch that can read nothing in it: unchanged.
     bool stale;
     try {
         stale = state.staleTest(name.c_str(), kStaleSeconds, deadline);
@@ -82,7 +62,7 @@ bool removeStaleEntry(RwHandleState& state, const std::string& name, const pt::p
     // say whose it is, so that its owner (or an administrator) can clear it.
     if (state.warnedKept.insert(name).second) {
         warning << "FS_LOCK: cannot remove stale lock file " << name << " owned by "
-                << (seen ? ownerText(st.st_uid) : std::string("an unknown user"))
+                << (seen ? entryOwner(name.c_str()) : std::string("an unknown user"))
                 << "; waiting for it to go" << std::endl;
     }
     return false;

@@ -139,7 +139,6 @@ struct RwHandleState {
     // Called as an acquire starts: what one acquire learnt is not kept.
     void startAcquire() {
         warnedKept.clear();
-        linkClock.reset();
     }
 
     boost::timed_mutex mutex;
@@ -149,8 +148,6 @@ struct RwHandleState {
     HeldLockFile lockFile;  // its own mutex: see held_lock_file.h
     ovLockFileIsStale staleTest;
     boost::shared_ptr<ovAbstractFS> fs;
-    // Measured when the first symbolic link is judged (see judgeLockEntry).
-    boost::shared_ptr<FileTimeCalibration> linkClock;
     // Stale files already reported as not removable during this acquire.
     std::set<std::string> warnedKept;
 };

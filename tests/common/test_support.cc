@@ -234,25 +234,11 @@ int runAsUnprivileged(const std::function<int()>& fn, double timeoutSeconds) {
 
 int runAsUser(uid_t uid, gid_t gid, mode_t mask, const std::function<int()>& fn, double timeoutSeconds) {
     Child c = forkChild([&]() -> int {
-        if (::setgroups(0, nullptr) != 0) return 98;
-        if (::setresgid(gid, gid, gid) != 0 || ::setresuid(uid, uid, uid) != 0) return 98;
-        if (uid != 0 && ::geteuid() == 0) return 98;
+        if (uid == 0 ? ::setgroups(0, nullptr) != 0 : !becomeUser(uid, gid)) return 98;
         ::umask(mask);
         return fn();
     });
     return c.wait(timeoutSeconds);
-}
-
-void ageEntry(const std::string& path, double secondsAgo) {
-    struct timespec now;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const double t = now.tv_sec + now.tv_nsec / 1e9 - secondsAgo;
-    struct timespec times[2];
-    times[0].tv_sec = static_cast<time_t>(t);
-    times[0].tv_nsec = static_cast<long>((t - static_cast<double>(times[0].tv_sec)) * 1e9);
-    times[1] = times[0];
-    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-        throw std::runtime_error("utimensat failed on " + path);
 }
 
 double cpuSeconds() {

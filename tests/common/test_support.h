@@ -94,9 +94,6 @@ constexpr uid_t kUnprivilegedId = 65534;
 // given umask; returns the child's decoded status, -1 on timeout.
 int runAsUser(uid_t uid, gid_t gid, mode_t umask, const std::function<int()>& fn, double timeoutSeconds = 60);
 
-// Sets the times of a path itself (a symbolic link is not followed) to now - secondsAgo.
-void ageEntry(const std::string& path, double secondsAgo);
-
 // CPU seconds this process has used, all threads.
 double cpuSeconds();
 

@@ -79,7 +79,7 @@ TEST(ExclusiveHostile, JunkAtTheHoldersNameNeverHangsSpinsAbortsOrWritesOutside)
                 const TempDir& dir = *run.dir;
                 ASSERT_EQ(::chmod(dir.path().c_str(), 0777), 0);
                 junk.make(level(dir, 0), outside);
-                if (aged) ageEntry(level(dir, 0), 60);
+                if (aged) ageFile(level(dir, 0), 60, true);
                 const uid_t uid = root ? 0 : kUnprivilegedId;
                 run.child = forkChild([&dir, aged, uid] {
                     return runAsUser(uid, uid, 022, [&] {

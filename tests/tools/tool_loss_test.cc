@@ -126,9 +126,14 @@ TEST(ToolLoss, TrackingFileSystemForwardsTheOwnedRefreshAndSparesTheHeldFile) {
     EXPECT_EQ(ovRefreshedOwned, fs.refreshOwnedLockFile(held, in1s, "AAAAmine", "BBBBmine"));
     ASSERT_TRUE(fs.createFile(queued.c_str()));
     EXPECT_EQ(std::vector<std::string>{queued}, fs.owned());
+    // A take-over that finds a rival's content leaves the file theirs.
+    const std::string rivals = dir.file("rivals");
+    ovtest::writeFile(rivals, "RIVAL");
+    EXPECT_EQ(ovRefreshFoundRewritten, fs.refreshOwnedLockFile(rivals, in1s, "dead", "CCCCmine"));
     EXPECT_TRUE(fs.removeOwned().empty());
     EXPECT_TRUE(exists(held)) << "the clean-up removed the held file";
     EXPECT_FALSE(exists(queued));
+    EXPECT_EQ(ovtest::readFile(rivals), "RIVAL") << "the clean-up removed a rival's file";
 }
 
 TEST(ToolLoss, OnLostTakesOnlyItsThreeWords) {
