@@ -37,6 +37,7 @@ if [ "${1:-}" = --junk ]; then
     case $kind in
       fifo) mkfifo "$p" ;;
       dangling) ln -sT "$outside/ghost$name" "$p" ;;
+      olddangling) ln -sT "$outside/ghost$name" "$p" && touch -h -d '-40 seconds' "$p" ;;
       loop) ln -sT "$name" "$dir/loop.$seq" && ln -sT "loop.$seq" "$p" ;;
       canary) ln -sT "$canary" "$p" ;;
       dir) mkdir "$p" && echo "$(date +%s) $p" >>"$stage/dirs" ;;
@@ -57,7 +58,9 @@ if [ "${1:-}" = --junk ]; then
     place loop .deploy_lock.1 "$dir"
     place fifo .deploy_lock.2 "$dir"
     place noperm .deploy_lock.3 "$dir"
-    place dangling .deploy_write_lock "$dir"
+    # Aged: a fresh one would keep every reader and writer out for the
+    # first 33 s, and the stopped holders from ever holding.
+    place olddangling .deploy_write_lock "$dir"
     place dir .deploy_read_lock.1 "$dir"
     place old .deploy_read_lock.2 "$dir"
     place future .deploy_read_lock.3 "$dir"
@@ -67,6 +70,10 @@ if [ "${1:-}" = --junk ]; then
     exit 0
   fi
   kinds=(fifo dangling loop canary dir noperm old future)
+  # The loop starts once every holder to be stopped holds (the harness says
+  # "go"): junk renewed at the write-lock name from the first second would
+  # keep a writer out for the whole run, and its stop would never happen.
+  for i in $(seq 1 1000); do [ -e "$stage/go" ] && break; sleep 0.1; done
   end=$(( $(date +%s) + secs ))
   for round in $(seq 1 60); do
     [ "$(date +%s)" -lt "$end" ] || break
@@ -163,7 +170,7 @@ hostile_run() {
     [ "$ck" = x ] && ck=$cx || ck=$crw
     local name="$label-stopped-$mode"
     hstart "$name" "$uid" --mode "$mode" --dir "$dir" --check-dir "$ck" --iterations 1 \
-      --hold-ms 4000 --timeout-ms 75000 --ready "$work/$name.ready"
+      --hold-ms 4000 --timeout-ms 110000 --ready "$work/$name.ready"
     [ "$mode" = reader ] && echo "$last_pid" >>"$pidfile"
     vnames+=("$name"); vpids+=("$last_pid"); tspecs+=("$tmode:$tuid:$ck"); vstop+=(""); vcont+=("")
     all+=("$name")
@@ -172,7 +179,7 @@ hostile_run() {
   local started; started=$(date +%s)
 
   # Stop each victim as soon as it holds (inside its 4 s hold), start its
-  # taker, resume it 35 s later; 125 s at most. (The reader may wait behind
+  # taker, resume it 35 s later; 160 s at most. (The reader may wait behind
   # the other two while they are stopped.)
   local t
   for t in $(seq 1 900); do
@@ -184,10 +191,10 @@ hostile_run() {
           vstop[$vk]=$(now)
           IFS=: read -r tmode tuid ck <<<"${tspecs[$vk]}"
           hstart "$v-taker" "$tuid" --mode "$tmode" --dir "$dir" --check-dir "$ck" --iterations 1 \
-            --hold-ms 8000 --timeout-ms 80000 --ready "$work/$v-taker.ready"
+            --hold-ms 8000 --timeout-ms 150000 --ready "$work/$v-taker.ready"
           tnames+=("$v-taker"); all+=("$v-taker")
           [ "$ck" = "$cx" ] && xnames+=("$v-taker") || rwnames+=("$v-taker")
-        elif [ $(( $(date +%s) - started )) -lt 75 ] && kill -0 "${vpids[$vk]}" 2>/dev/null; then
+        elif [ $(( $(date +%s) - started )) -lt 110 ] && kill -0 "${vpids[$vk]}" 2>/dev/null; then
           pending=1
         fi
       elif [ -z "${vcont[$vk]}" ]; then
@@ -198,19 +205,23 @@ hostile_run() {
         fi
       fi
     done
+    local held=1
+    for vk in "${!vnames[@]}"; do [ -z "${vstop[$vk]}" ] && held=0; done
+    if [ $held = 1 ] || [ $(( $(date +%s) - started )) -ge 110 ]; then touch "$stage/go"; fi
     [ $pending = 0 ] && break
-    [ $(( $(date +%s) - started )) -lt 125 ] || break
+    [ $(( $(date +%s) - started )) -lt 160 ] || break
     sleep 0.1
   done
+  touch "$stage/go"
   for vk in "${!vnames[@]}"; do   # never leave one stopped
     [ -n "${vstop[$vk]}" ] && [ -z "${vcont[$vk]}" ] && kill -CONT "${vpids[$vk]}" 2>/dev/null
   done
 
-  # Every worker's own bound ends within 160 s of the start (a taker may wait
-  # behind another stopped holder); 190 s is a hang.
+  # Every worker's own bound ends within 260 s of the start (a taker may wait
+  # behind another stopped holder); 280 s is a hang.
   local apids=() n
   for n in "${all[@]}"; do apids+=("${hpid[$n]}"); done
-  local killed=0 wait_s=$(( 190 - ($(date +%s) - started) ))
+  local killed=0 wait_s=$(( 280 - ($(date +%s) - started) ))
   [ $wait_s -lt 5 ] && wait_s=5
   wait_bounded "$wait_s" "${apids[@]}" "$jpid" || killed=1
   local elapsed=$(( $(date +%s) - started ))
