@@ -55,16 +55,23 @@ class NoDescriptorsFS : public ovNetworkFS {
 public:
     using ovAbstractFS::refreshLockFile;
     bool matchingFileOrDirExists(const char* p) override {
+        warmUp();
         Starved s;
         return ovNetworkFS::matchingFileOrDirExists(p);
     }
     unsigned findMatchingFilesAndDirs(const char* p, const ovStringProcedure& f, const ovStringProcedure& d,
                                       int depth, bool stop) override {
+        warmUp();
         Starved s;
         return ovNetworkFS::findMatchingFilesAndDirs(p, f, d, depth, stop);
     }
 
 private:
+    // The undefined-behaviour sanitizer checks the type behind each member
+    // call and needs descriptors of its own the first time (a pipe that
+    // probes memory): one call before the starving one, which it then
+    // remembers.
+    void warmUp() { (void)ovNetworkFS::isDir("/"); }
     // The descriptor limit at the lowest free descriptor while it lives.
     struct Starved {
         struct rlimit saved;
