@@ -98,7 +98,11 @@ public:
             // not-a-date-time or minus infinity: no time at all
             lock_.try_lock();
         } else {
-            lock_.timed_lock(timeout);  // relative: on the monotonic clock
+            // Relative, on the monotonic clock; a wait that comes back early
+            // (see sleepFor) is taken up again for what is left.
+            const boost::posix_time::ptime until = steadyNow() + timeout;
+            while (!lock_.timed_lock(until - steadyNow()) && steadyNow() < until) {
+            }
         }
     }
     bool owns() const { return lock_.owns_lock(); }

@@ -25,8 +25,14 @@ inline void sleepFor(const boost::posix_time::time_duration& length) {
         boost::this_thread::interruption_point();
         return;
     }
-    // A relative sleep: the thread library measures it on its monotonic clock.
-    boost::this_thread::sleep(length);
+    // A relative sleep, which the thread library measures on its monotonic
+    // clock; checked against our own reading of that clock, because a wait
+    // can come back early (libfaketime, for one, returns every monotonic
+    // condition wait at once): the rest is slept again.
+    const boost::posix_time::ptime until = steadyNow() + length;
+    for (boost::posix_time::time_duration left = length; left > boost::posix_time::time_duration(0, 0, 0, 0);
+         left = until - steadyNow())
+        boost::this_thread::sleep(left);
 }
 
 // Sleeps until a deadline on the steady time line (see ovSteadyNow).
