@@ -7,6 +7,11 @@
 // a time is compared with a file's modification time. Local time is used
 // nowhere in the locks.
 
+#include <stdint.h>
+#include <time.h>
+
+#include <algorithm>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
 
@@ -27,12 +32,17 @@ inline void sleepFor(const boost::posix_time::time_duration& length) {
     }
     // A relative sleep, which the thread library measures on its monotonic
     // clock; checked against our own reading of that clock, because a wait
-    // can come back early (libfaketime, for one, returns every monotonic
-    // condition wait at once): the rest is slept again.
+    // can come back early. libfaketime, for one, returns every monotonic
+    // condition wait at once: there the rest is slept in short plain sleeps
+    // with an interruption point between them, rather than in a spin.
     const boost::posix_time::ptime until = steadyNow() + length;
-    for (boost::posix_time::time_duration left = length; left > boost::posix_time::time_duration(0, 0, 0, 0);
-         left = until - steadyNow())
-        boost::this_thread::sleep(left);
+    boost::this_thread::sleep(length);
+    for (boost::posix_time::time_duration left = until - steadyNow(); left.is_positive();
+         left = until - steadyNow()) {
+        boost::this_thread::interruption_point();
+        struct timespec slice = {0, static_cast<long>(std::min<int64_t>(left.total_microseconds(), 2000) * 1000)};
+        ::nanosleep(&slice, nullptr);
+    }
 }
 
 // Sleeps until a deadline on the steady time line (see ovSteadyNow).
