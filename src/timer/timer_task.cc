@@ -3,6 +3,8 @@
 
 #include "timer/timer_task_impl.h"
 
+#include <time.h>
+
 #include "timer/steady_clock.h"
 
 #include <boost/bind/bind.hpp>
@@ -46,7 +48,16 @@ void ovTimerTaskImpl::cancel() {
 bool ovTimerTaskImpl::cancelWithin(const pt::time_duration& wait) {
     thread_.interrupt();
     if (!thread_.joinable()) return true;
-    if (thread_.timed_join(wait)) return true;
+    // Measured on our own reading of the steady clock: a join can come back
+    // early (libfaketime returns every monotonic wait at once), and giving up
+    // then would leave the caller's file behind for nothing.
+    const pt::ptime until = detail::steadyNow() + wait;
+    for (;;) {
+        if (thread_.timed_join(until - detail::steadyNow())) return true;
+        if (detail::steadyNow() >= until) break;
+        struct timespec slice = {0, 2000000};
+        ::nanosleep(&slice, nullptr);
+    }
     // The thread owns copies of all it uses: it may outlive this handle.
     thread_.detach();
     return false;
