@@ -17,9 +17,7 @@ using namespace tooltest;
 // reason for the silence, and the file ages out like a dead holder's.
 TEST(ToolLossSlow, PausedPastTheSilenceLimitStopsTheCommandAndExitsAtOnce) {
     ovtest::TempDir dir, work;
-    std::vector<std::string> args = {"-q", dir.path()};
-    for (const std::string& a : withBackgroundJob(work.file("pid"))) args.push_back(a);
-    Running tool(args);
+    Running tool(withBackgroundJob({"-q", dir.path()}, work.file("pid")));
     const pid_t grandchild = backgroundJob(work.file("pid"));
     ASSERT_GT(grandchild, 1);
     tool.signal(SIGSTOP);
@@ -30,7 +28,6 @@ TEST(ToolLossSlow, PausedPastTheSilenceLimitStopsTheCommandAndExitsAtOnce) {
     EXPECT_EQ(75, o.status) << o.err;
     EXPECT_LT(ovtest::monotonicSeconds() - resumed, 5.0);
     EXPECT_NE(std::string::npos, o.err.find("lost (refresh failing)")) << o.err;
-    EXPECT_TRUE(waitUntil([&] { return !processAlive(grandchild); }, 5)) << "COMMAND's background job runs on";
-    if (processAlive(grandchild)) kill(grandchild, SIGKILL);
+    EXPECT_TRUE(backgroundJobGone(grandchild)) << "COMMAND's background job runs on";
     EXPECT_TRUE(exists(dir.file(".deploy_lock.0"))) << "released after a silence";
 }

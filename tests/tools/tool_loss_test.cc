@@ -96,16 +96,13 @@ TEST(ToolLoss, LostLockIsReportedCommandHandledAndExitCodeDistinct) {
 // What COMMAND started in the background goes with it.
 TEST(ToolLoss, LostLockStopsTheCommandsWholeProcessGroup) {
     ovtest::TempDir dir, work;
-    std::vector<std::string> args = {"-q", dir.path()};
-    for (const std::string& a : withBackgroundJob(work.file("pid"))) args.push_back(a);
-    Running tool(args);
+    Running tool(withBackgroundJob({"-q", dir.path()}, work.file("pid")));
     const pid_t grandchild = backgroundJob(work.file("pid"));
     ASSERT_GT(grandchild, 1);
     ovtest::writeFile(dir.file(".deploy_lock.0"), "another holder");
     const Outcome o = tool.wait(20);
     EXPECT_EQ(75, o.status) << o.err;
-    EXPECT_TRUE(waitUntil([&] { return !processAlive(grandchild); }, 5)) << "COMMAND's background job runs on";
-    if (processAlive(grandchild)) kill(grandchild, SIGKILL);
+    EXPECT_TRUE(backgroundJobGone(grandchild)) << "COMMAND's background job runs on";
     EXPECT_EQ("another holder", ovtest::readFile(dir.file(".deploy_lock.0")));
 }
 

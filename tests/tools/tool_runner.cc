@@ -67,8 +67,15 @@ bool processAlive(pid_t pid) {
     return close == std::string::npos || line.compare(close, 3, ") Z") != 0;
 }
 
-std::vector<std::string> withBackgroundJob(const std::string& pidFile) {
-    return {"/bin/sh", "-c", "sleep 300 & echo $! > " + pidFile + "; wait"};
+std::vector<std::string> withBackgroundJob(std::vector<std::string> options, const std::string& pidFile) {
+    options.insert(options.end(), {"/bin/sh", "-c", "sleep 300 & echo $! > " + pidFile + "; wait"});
+    return options;
+}
+
+bool backgroundJobGone(pid_t pid) {
+    const bool gone = waitUntil([&] { return !processAlive(pid); }, 5);
+    if (!gone) kill(pid, SIGKILL);
+    return gone;
 }
 
 pid_t backgroundJob(const std::string& pidFile) {

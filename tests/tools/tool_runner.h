@@ -46,10 +46,13 @@ bool exists(const std::string& path);
 // Running, and not merely a zombie nobody reaped yet.
 bool processAlive(pid_t pid);
 
-// A COMMAND that starts `sleep 300` in the background, writes its pid to
-// pidFile and waits for it; backgroundJob() reads that pid (0 if it never came).
-std::vector<std::string> withBackgroundJob(const std::string& pidFile);
+// The tool's options followed by a COMMAND that starts `sleep 300` in the
+// background, writes its pid to pidFile and waits for it; backgroundJob()
+// reads that pid (0 if it never came).
+std::vector<std::string> withBackgroundJob(std::vector<std::string> options, const std::string& pidFile);
 pid_t backgroundJob(const std::string& pidFile);
+// Whether the background job has gone within 5 s; it is killed either way.
+bool backgroundJobGone(pid_t pid);
 
 }  // namespace tooltest
 
