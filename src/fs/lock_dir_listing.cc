@@ -43,11 +43,13 @@ unsigned findInLockDirectory(const char* pattern, const ovStringProcedure& onFil
     const std::string prefix = dir.empty() ? std::string() : (dir == "/" ? dir : dir + "/");
 
     if (!std::strpbrk(name, "*?[\\")) {
+        // Asked past the client's name cache: a writer that left through
+        // another client must not keep readers out.
         const std::string path = prefix + name;
-        struct stat st;
-        if (::lstat(path.c_str(), &st) != 0) {
-            if (meansNothingThere(errno)) return 0;
-            throwCannotList(dir, errno);
+        const int err = entryPresent(path.c_str());
+        if (err != 0) {
+            if (meansNothingThere(err)) return 0;
+            throwCannotList(dir, err);
         }
         report(path, onFile, onDir);
         return 1;

@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -57,15 +58,59 @@ int openLockFile(const char* path, int flags, mode_t mode, ScopedFd& fd) {
 // EPERM that keeps coming about a missing name is a real refusal.
 constexpr int kLostRaceRetries = 8;
 
+//
+// A network client can also answer EEXIST from its own cache for a name that
+// another client removed (see entryPresent): the create is tried once more
+// when the file server says the name is gone.
 int exclusiveCreate(const char* path, int access, ScopedFd& fd) {
     int err = 0;
+    bool askedServer = false;
     for (int attempt = 0; attempt <= kLostRaceRetries; ++attempt) {
         err = openLockFile(path, access | O_CREAT | O_EXCL, kLockFileMode, fd);
+        if (err == EEXIST) {
+            if (askedServer || entryPresent(path) != ENOENT) return EEXIST;
+            askedServer = true;
+            continue;
+        }
         if (err != EPERM) return err;
-        struct stat st;
-        if (::lstat(path, &st) == 0) return EEXIST;
+        if (entryPresent(path) == 0) return EEXIST;
     }
     return err;
+}
+
+// Any attribute name will do: only whether the server knows the file matters.
+const char kProbeAttribute[] = "user.orvane.probe";
+
+// Network clients keep names that another client removed: an sshfs client
+// for 20 s, a GlusterFS client about 1 s. lstat, and even a failed exclusive
+// create, are answered from those caches, so a released lock would look held
+// and a waiter on another client would stall. Two calls that change nothing
+// do reach the server, and a "no such file" from either makes the client
+// forget the name:
+// - reading an extended attribute (GlusterFS asks the server by file identity;
+//   a local file system answers at once);
+// - where the client has no extended attributes (sshfs, NFSv3), opening the
+//   file for reading, which the server resolves by name. Only a regular file
+//   is opened: junk such as a FIFO could make the server's side block.
+// The attribute asks about the file the client knew. That file may be gone
+// while a new one has the name (a lock released and taken again through
+// another client), so the name is looked up once more before it counts as
+// free: a false "gone" would let a reader in beside a writer.
+int askServer(const char* path, const struct stat& cached) {
+    char value[1];
+    if (::lgetxattr(path, kProbeAttribute, value, sizeof value) >= 0) return 0;
+    const int err = errno;
+    if (err == ENOENT || err == ESTALE) {
+        struct stat st;
+        return ::lstat(path, &st) == 0 ? 0 : errno;
+    }
+    if (err == ENODATA || err == ERANGE || !S_ISREG(cached.st_mode)) return 0;
+    const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd >= 0) {
+        ::close(fd);
+        return 0;
+    }
+    return errno == ENOENT ? ENOENT : 0;
 }
 
 }  // namespace
@@ -173,7 +218,8 @@ int modificationTime(const char* path, time_t& seconds) {
 int entryPresent(const char* path) {
     if (!path) return EFAULT;
     struct stat st;
-    return ::lstat(path, &st) == 0 ? 0 : errno;
+    if (::lstat(path, &st) != 0) return errno;
+    return askServer(path, st);
 }
 
 std::string entryOwner(const char* path) {

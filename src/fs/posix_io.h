@@ -37,7 +37,8 @@ private:
 
 // open(O_WRONLY | O_CREAT | O_EXCL, 0777): the file did not exist and now
 // belongs to us. EEXIST also stands for an EPERM about a name that exists;
-// an EPERM about a missing name is tried again a few times first.
+// an EPERM about a missing name is tried again a few times first, and so is
+// an EEXIST about a name the file server no longer has.
 int openExclusiveCreate(const char* path, ScopedFd& fd);
 // open(O_WRONLY) of the existing file, or exclusive create of a missing one:
 // no truncation, so a refresh never leaves an empty lock file behind.
@@ -60,8 +61,10 @@ int readFileHead(const char* path, std::string& content, size_t maxBytes);
 int removePath(const char* path);
 // The modification time of the entry itself (lstat: a link is not followed).
 int modificationTime(const char* path, time_t& seconds);
-// Whether anything, even a dangling link, is at path (lstat). 0, ENOENT, or
-// the errno that made it impossible to tell.
+// Whether anything, even a dangling link, is at path: 0, ENOENT, or the errno
+// that made it impossible to tell. A name found in the client's caches is
+// checked with the file server (one more call), so a name that another
+// network client removed reads as gone at once.
 int entryPresent(const char* path);
 // The owner of the entry at path (lstat), as a user name or "uid N".
 std::string entryOwner(const char* path);
