@@ -114,18 +114,28 @@ TEST_F(NetHandover, LocksPassFromOneClientToTheOtherPromptly) {
         EXPECT_LT(exclusive, 3.0);
         b.release();
 
+        // A writer on A, then a reader on B; a reader on A, then a writer on B.
         ovDirectoryReadWriteLock rwA(dirA), rwB(dirB);
-        auto writer = std::make_shared<ovDirectoryReadWriteLock::WriteLock>(rwA.getWriteLock());
-        auto reader = std::make_shared<ovDirectoryReadWriteLock::ReadLock>(rwB.getReadLock());
-        const double rw = waitAfterRelease(
+        ovDirectoryReadWriteLock::WriteLock writerA = rwA.getWriteLock(), writerB = rwB.getWriteLock();
+        ovDirectoryReadWriteLock::ReadLock readerA = rwA.getReadLock(), readerB = rwB.getReadLock();
+        const double readerWaited = waitAfterRelease(
             [&] {
-                EXPECT_TRUE(writer->acquire(pt::seconds(10), false));
-                return std::shared_ptr<void>(nullptr, [&](void*) { writer->release(); });
+                EXPECT_TRUE(writerA.acquire(pt::seconds(10), false));
+                return std::shared_ptr<void>(nullptr, [&](void*) { writerA.release(); });
             },
-            [&] { return reader->acquire(pt::seconds(30), false); });
-        EXPECT_GE(rw, 0);
-        EXPECT_LT(rw, 3.0);
-        reader->release();
+            [&] { return readerB.acquire(pt::seconds(30), false); });
+        EXPECT_GE(readerWaited, 0);
+        EXPECT_LT(readerWaited, 3.0);
+        readerB.release();
+        const double writerWaited = waitAfterRelease(
+            [&] {
+                EXPECT_TRUE(readerA.acquire(pt::seconds(10), false));
+                return std::shared_ptr<void>(nullptr, [&](void*) { readerA.release(); });
+            },
+            [&] { return writerB.acquire(pt::seconds(30), false); });
+        EXPECT_GE(writerWaited, 0);
+        EXPECT_LT(writerWaited, 3.0);
+        writerB.release();
     }
 }
 
