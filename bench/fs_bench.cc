@@ -1,6 +1,9 @@
 // Overhead of the network file-system layer over the bare system calls:
-// one exclusive create + removal, and one lock-file refresh. Prints each
-// figure next to its bare alternative and their ratio.
+// one exclusive create + removal, one lock-file refresh, and a waiter's look
+// at a name that is held (an exclusive create that fails, then the file's
+// date: the layer asks the server past the client's cache, the bare calls
+// trust it). Prints each figure next to its bare alternative and their ratio.
+// ORVANE_BENCH_DIR may name a network mount to see a client's round trips.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -93,6 +96,32 @@ void BM_Refresh_Bare(benchmark::State& state) {
 }
 BENCHMARK(BM_Refresh_Bare);
 
+// What a waiter pays per polling cycle at a held name.
+void BM_HeldName_Layer(benchmark::State& state) {
+    ovNetworkFS fs;
+    const std::string f = scratchDir() + "/layer-held";
+    if (!fs.createFile(f.c_str())) state.SkipWithError("create failed");
+    for (auto _ : state) {
+        if (fs.createFile(f.c_str())) state.SkipWithError("created a held name");
+        if (fs.getFileLastModifiedTime(f.c_str()) <= 0) state.SkipWithError("held name has no date");
+    }
+    ::unlink(f.c_str());
+}
+BENCHMARK(BM_HeldName_Layer);
+
+void BM_HeldName_Bare(benchmark::State& state) {
+    const std::string f = scratchDir() + "/bare-held";
+    ::close(::open(f.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
+    struct stat st;
+    for (auto _ : state) {
+        if (::open(f.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777) >= 0)
+            state.SkipWithError("created a held name");
+        if (::lstat(f.c_str(), &st) != 0) state.SkipWithError("held name not found");
+    }
+    ::unlink(f.c_str());
+}
+BENCHMARK(BM_HeldName_Bare);
+
 // Keeps each benchmark's time per iteration for the ratios printed at the end.
 class RatioReporter : public benchutil::MedianReporter {
 public:
@@ -116,6 +145,7 @@ int main(int argc, char** argv) {
     std::printf("\n");
     reporter.printRatio("createFile + removeFile", "BM_CreateRemove_Layer", "BM_CreateRemove_Bare");
     reporter.printRatio("refreshLockFile", "BM_Refresh_Layer", "BM_Refresh_Bare");
+    reporter.printRatio("held name: create + date", "BM_HeldName_Layer", "BM_HeldName_Bare");
     ::rmdir(scratchDir().c_str());
     benchmark::Shutdown();
     return 0;
