@@ -2,7 +2,9 @@
 # Stress runs of the directory locks with real processes (make stress):
 #   1. contention on the local file system: exclusive lock, read/write lock;
 #   2. the same on a real network file system (scripts/netfs-up), half the
-#      workers on each of two sshfs clients;
+#      workers on each of two sshfs clients; and on a GlusterFS replica-3
+#      volume (scripts/glusterfs-up) with workers on two clients, one brick
+#      SIGKILLed a third into each run and restarted at two thirds;
 #   3. clock skew: workers whose wall clock runs 10 minutes ahead or behind
 #      (libfaketime) contend with normal ones;
 #   then, in parallel because they mostly wait out the 30 s staleness:
@@ -18,8 +20,9 @@
 # Prints hand-overs, overlaps and the longest wait per run; fails on any
 # overlap, leaked file, leaked descriptor or thread, or missed deadline.
 # Usage: scripts/stress.sh [BUILD]   (STRESS_SECONDS: length of each
-# contention run, default 30; STRESS_NETFS=0 skips the network runs;
-# STRESS_ONLY=hostile runs only the hostile-directory run.)
+# contention run, default 30; STRESS_NETFS=0 skips the sshfs runs,
+# STRESS_GLUSTER=0 the GlusterFS runs; STRESS_ONLY=hostile or gluster runs
+# only those.)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,6 +35,7 @@ W=$(cd "$(dirname "$W")" && pwd)/stress_worker
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvane-stress.XXXXXX") || exit 1
 netfs_env=""
+gluster_env=""
 pids=()
 summary=()
 failures=0
@@ -41,6 +45,7 @@ cleanup() {
   for p in "${pids[@]}"; do kill -9 "$p" 2>/dev/null; done
   wait 2>/dev/null
   if [ -n "$netfs_env" ]; then scripts/netfs-down "$netfs_env" >/dev/null 2>&1; fi
+  if [ -n "$gluster_env" ]; then scripts/glusterfs-down "$gluster_env" >/dev/null 2>&1; fi
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -317,6 +322,55 @@ else
 fi
 fi  # runs 0-3
 
+# ---- 2b. GlusterFS: a replicated volume whose storage nodes fail ---------------
+have_gluster=0
+if [ -n "$only" ] && [ "$only" != gluster ]; then :
+elif [ "${STRESS_GLUSTER:-1}" = 0 ]; then
+  skipped "GlusterFS runs (STRESS_GLUSTER=0)"
+else
+  echo "== GlusterFS replica 3, a brick killed and restarted during each run"
+  out=$(scripts/glusterfs-up "$work/gluster" 2>"$work/gluster-up.log"); rc=$?
+  if [ $rc = 0 ]; then
+    gluster_env=$work/gluster
+    # shellcheck disable=SC1091
+    . "$work/gluster/env"
+    have_gluster=1
+  elif [ $rc = 77 ]; then
+    skipped "GlusterFS: ${out#SKIPPED: }"
+  else
+    fail "GlusterFS could not be brought up: $(tail -n 3 "$work/gluster-up.log" | tr '\n' ' ')"
+  fi
+fi
+# brick_fault N: SIGKILLs brick N a third into a run and restarts it at two
+# thirds, in the background; brick_fault_done reports how that went.
+brick_fault() {
+  local third=$(( (secs + 2) / 3 ))
+  ( sleep "$third" && scripts/glusterfs-brick "$gluster_env" kill "$1" && sleep "$third" \
+      && scripts/glusterfs-brick "$gluster_env" restore ) >"$work/brick-fault.log" 2>&1 &
+  fault_pid=$!
+  pids+=("$fault_pid")
+}
+brick_fault_done() {
+  if wait "$fault_pid"; then
+    echo "  $1: $(tr '\n' ' ' <"$work/brick-fault.log")"
+  else
+    fail "$1: the brick fault did not run its course: $(tail -n 2 "$work/brick-fault.log" | tr '\n' ' ')"
+  fi
+}
+if [ $have_gluster = 1 ]; then
+  # The third client, which no worker uses, sees what the others left.
+  brick_fault 2
+  CLEANDIRS="$GLUSTER_C/x" contend gluster-exclusive "$secs" \
+    "exclusive:2:$GLUSTER_A/x" "exclusive:2:$GLUSTER_B/x" "exclusive:2:$GLUSTER_B/x::fresh"
+  brick_fault_done gluster-exclusive
+  brick_fault 3
+  CLEANDIRS="$GLUSTER_C/rw" contend gluster-rw "$secs" \
+    "writer:1:$GLUSTER_A/rw" "writer:1:$GLUSTER_B/rw" "reader:2:$GLUSTER_A/rw" "reader:2:$GLUSTER_B/rw"
+  brick_fault_done gluster-rw
+  scripts/glusterfs-down "$gluster_env" >/dev/null 2>&1 || fail "GlusterFS: the volume would not go down cleanly"
+  gluster_env=""
+fi
+
 # ---- 4-6. Long scenarios, run side by side -------------------------------------
 
 # takeover LABEL HOLDER_MODE HOLDER_DIR WAITER_MODE WAITER_DIR WAITER_SKEW SERVER_DIR
@@ -456,7 +510,7 @@ long_run() {
   ( summary=(); "$@"; printf '%s\n' "${summary[@]}" >"$work/long-$tag" ) 2>>"$work/long.err" &
   long_pids+=($!)
 }
-long_run hostile hostile_run
+{ [ -z "$only" ] || [ "$only" = hostile ]; } && long_run hostile hostile_run
 if [ -n "$only" ]; then :; elif [ $have_skew = 1 ]; then
   long_run tk1 takeover skew-ahead-takeover exclusive "$work/tk1" exclusive "$work/tk1" +10m "$work/tk1" 35 30 45
   long_run tk2 takeover skew-behind-takeover exclusive "$work/tk2" exclusive "$work/tk2" -10m "$work/tk2" 35 30 45
@@ -491,6 +545,7 @@ if [ $failures -gt 0 ]; then
   trap - EXIT
   for p in "${pids[@]}"; do kill -9 "$p" 2>/dev/null; done
   [ -n "$netfs_env" ] && scripts/netfs-down "$netfs_env" >/dev/null 2>&1
+  [ -n "$gluster_env" ] && scripts/glusterfs-down "$gluster_env" >/dev/null 2>&1
   exit 1
 fi
 echo "stress: all passed"
