@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
@@ -133,39 +134,68 @@ void keepRecentRead(ovAbstractFS& fs, const std::string& name) {
 
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const pt::ptime& deadline, std::string* seen) {
-    if (seen) seen->clear();
-    const pt::ptime start = steadyNow();
-    pt::time_duration watch = kLongestWatch;
+    std::vector<std::string> seens;
+    const StaleCheck verdict =
+        confirmStaleAll(fs, std::vector<std::string>(1, name), deadline, seen ? &seens : nullptr)[0];
+    if (seen) seen->swap(seens[0]);
+    return verdict;
+}
+
+std::vector<StaleCheck> confirmStaleAll(ovAbstractFS& fs, const std::vector<std::string>& names,
+                                        const pt::ptime& deadline, std::vector<std::string>* seens) {
+    if (seens) seens->assign(names.size(), std::string());
+    const auto seenOf = [&](size_t i) { return seens ? &(*seens)[i] : nullptr; };
+    std::vector<StaleCheck> verdicts(names.size(), StaleCheck::Stale);
     bool room = !deadline.is_not_a_date_time() && !deadline.is_neg_infinity();
-    if (room && !deadline.is_pos_infinity()) {
-        room = deadline - start >= kMinimumRoom;
-        watch = std::min(watch, deadline - start);
-    }
+    if (room && !deadline.is_pos_infinity()) room = deadline - steadyNow() >= kMinimumRoom;
     if (!room) {
         // One read still shows a rewrite since a recent earlier read; a
         // missing or unreadable file proves nothing here.
-        (void)readAndRemember(fs, name, seen);
-        return unconfirmed(name);
+        for (size_t i = 0; i < names.size(); ++i) {
+            (void)readAndRemember(fs, names[i], seenOf(i));
+            verdicts[i] = unconfirmed(names[i]);
+        }
+        return verdicts;
     }
 
     // Each read is compared with the one before it, in this watch or before;
-    // a failed read is no evidence.
-    const pt::ptime end = start + watch;
+    // a failed read is no evidence. A name's watch starts at its first read,
+    // so one read late in a long first round still gets the whole span, and
+    // never runs past the deadline.
+    std::vector<pt::ptime> ends(names.size());
+    std::vector<bool> watching(names.size(), true);
     for (bool firstPass = true;; firstPass = false) {
-        if (!firstPass) {
-            const pt::ptime now = steadyNow();
-            if (now >= end) break;
-            // Bounded by the watch span: at most watch / kPollEvery passes.
-            sleepFor(std::min(kPollEvery, end - now));
+        pt::ptime earliestEnd(pt::pos_infin);
+        for (size_t i = 0; i < names.size(); ++i) {
+            if (!watching[i]) continue;
+            if (firstPass) ends[i] = std::min(steadyNow() + kLongestWatch, deadline);
+            switch (readAndRemember(fs, names[i], seenOf(i))) {
+                case Read::Missing:
+                    verdicts[i] = StaleCheck::Gone;
+                    watching[i] = false;
+                    continue;
+                case Read::Unreadable: break;
+                case Read::Present:
+                    if (memory().seenLiveRecently(names[i])) {
+                        verdicts[i] = StaleCheck::Live;
+                        watching[i] = false;
+                        continue;
+                    }
+                    break;
+            }
+            if (steadyNow() >= ends[i]) {
+                verdicts[i] = unconfirmed(names[i]);
+                watching[i] = false;
+            } else {
+                earliestEnd = std::min(earliestEnd, ends[i]);
+            }
         }
-        switch (readAndRemember(fs, name, seen)) {
-            case Read::Missing: return StaleCheck::Gone;
-            case Read::Unreadable: continue;
-            case Read::Present: break;
-        }
-        if (memory().seenLiveRecently(name)) return StaleCheck::Live;
+        if (earliestEnd.is_pos_infinity()) break;  // every name decided
+        // Bounded by the watch span: at most ~3.5 s / kPollEvery rounds after the first.
+        const pt::ptime now = steadyNow();
+        if (now < earliestEnd) sleepFor(std::min(kPollEvery, earliestEnd - now));
     }
-    return unconfirmed(name);
+    return verdicts;
 }
 
 }  // namespace detail

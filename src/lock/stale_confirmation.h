@@ -8,6 +8,7 @@
 // that changes while we watch proves a live holder, whatever its time says.
 
 #include <string>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -55,6 +56,20 @@ enum class StaleCheck {
 // holds exactly that.
 StaleCheck confirmStale(ovAbstractFS& fs, const std::string& name,
                         const boost::posix_time::ptime& deadline, std::string* seen = nullptr);
+
+// confirmStale for every name of one judgement at once, verdicts in the order
+// of `names`: all are watched in the same window, each round reading every
+// name not yet decided, so N candidates cost one watch (~3.5 s), not N. Each
+// name is watched as confirmStale would watch it alone: for ~3.5 s from its
+// own first read (never past the deadline), until its own verdict (changed ->
+// Live, gone -> Gone), with the same memory of earlier reads and sightings.
+// The room is judged once, at the start, for all of them. `seens`, when
+// given, is resized to names.size() and receives what `seen` would for each
+// name. confirmStale is this for one name. Throws only
+// boost::thread_interrupted, from its sleeps.
+std::vector<StaleCheck> confirmStaleAll(ovAbstractFS& fs, const std::vector<std::string>& names,
+                                        const boost::posix_time::ptime& deadline,
+                                        std::vector<std::string>* seens = nullptr);
 
 // Called when `name` was just judged not stale by its time: reads its content
 // if this process has not read it within the last 10 s. A waiter thus always

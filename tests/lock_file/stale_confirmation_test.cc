@@ -2,6 +2,9 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,12 +19,17 @@ using detail::StaleCheck;
 namespace {
 
 // Read n (from 0) returns script(n): -1 gone, -2 unreadable, else the content.
+// A name with a script of its own in byName counts its own reads.
 struct ScriptedFS : ovNetworkFS {
     using ovAbstractFS::refreshLockFile;
     std::function<int(int)> script;
+    std::map<std::string, std::function<int(int)>> byName;
+    std::map<std::string, int> readsOf;
     std::atomic<int> reads{0};
-    bool readLockFileContent(const std::string&, std::string& content) override {
-        const int v = script(reads++);
+    bool readLockFileContent(const std::string& name, std::string& content) override {
+        ++reads;
+        const auto own = byName.find(name);
+        const int v = own != byName.end() ? own->second(readsOf[name]++) : script(reads - 1);
         if (v == -2) throw ovFileAccessError("File system error occurred: injected");
         content = std::to_string(v);
         return v >= 0;
@@ -129,4 +137,36 @@ TEST(StaleConfirmation, ReadKeptWhileFreshIsWhatALateVerdictComparesWith) {
     fs.script = [](int) { return -2; };
     detail::keepRecentRead(fs, "unreadable");  // no evidence, and no exception
     EXPECT_EQ(detail::confirmStale(fs, "unreadable", inSeconds(0.5)), StaleCheck::Stale);
+}
+
+// All names of one judgement share one window, each with its own verdict:
+// one that changes well into the window is still seen live, however many
+// others share the rounds.
+TEST(StaleConfirmation, NamesJudgedTogetherShareOneWindow) {
+    ScriptedFS fs;
+    fs.byName = {{"all-dead", constant},
+                 {"all-changes", [](int n) { return n < 3 ? 7 : 8; }},
+                 {"all-vanishes", [](int n) { return n < 2 ? 7 : -1; }},
+                 {"all-unreadable", [](int) { return -2; }},
+                 {"all-changes-late", [](int n) { return n < 15 ? 7 : 8; }},
+                 {"all-dead-too", constant}};
+    const std::vector<std::string> names{"all-dead",         "all-changes",     "all-vanishes", "all-unreadable",
+                                         "all-changes-late", "all-dead-too"};
+    const std::vector<StaleCheck> expected{StaleCheck::Stale, StaleCheck::Live, StaleCheck::Gone,
+                                           StaleCheck::Stale, StaleCheck::Live, StaleCheck::Stale};
+    std::vector<std::string> seens;
+    const double start = monotonicSeconds();
+    EXPECT_EQ(detail::confirmStaleAll(fs, names, inSeconds(30), &seens), expected);
+    const double took = monotonicSeconds() - start;
+    EXPECT_GE(took, 3.0);
+    EXPECT_LT(took, 6.0) << "three unchanged names watched one after another take 10.5 s";
+    EXPECT_EQ(seens, (std::vector<std::string>{"7", "8", "7", "", "8", "7"}));
+
+    // No room: one read of each.
+    fs.readsOf.clear();
+    const std::vector<std::string> unwatched{"unwatched-1", "unwatched-2"};
+    for (const std::string& n : unwatched) fs.byName[n] = counting;
+    EXPECT_EQ(detail::confirmStaleAll(fs, unwatched, inSeconds(0.5)),
+              std::vector<StaleCheck>(2, StaleCheck::Stale));
+    EXPECT_EQ(fs.readsOf, (std::map<std::string, int>{{"unwatched-1", 1}, {"unwatched-2", 1}}));
 }
