@@ -22,31 +22,45 @@ const long kStaleSeconds = 30;
 }  // namespace
 
 EntryVerdict judgeLockEntry(RwHandleState& state, const std::string& name, const pt::ptime& deadline) {
-    // A link or other junk is judged by its own date (the judge reads it with
-    // lstat), then by a watch that can read nothing in it: unchanged.
-    bool stale;
-    try {
-        stale = state.staleTest(name.c_str(), kStaleSeconds, deadline);
-    } catch (const ovFileNotFoundError&) {
-        // Holders release without the exclusive lock: the file went between
-        // our look and the judge's. An ordinary race.
-        return EntryVerdict::Gone;
-    }
-    if (!stale) {
-        keepRecentRead(*state.fs, name);
-        return EntryVerdict::Live;
+    return judgeLockEntries(state, std::vector<std::string>(1, name), deadline)[0];
+}
+
+std::vector<EntryVerdict> judgeLockEntries(RwHandleState& state, const std::vector<std::string>& names,
+                                           const pt::ptime& deadline) {
+    std::vector<EntryVerdict> verdicts(names.size(), EntryVerdict::Live);
+    std::vector<std::string> watched;
+    std::vector<size_t> at;
+    for (size_t i = 0; i < names.size(); ++i) {
+        // A link or other junk is judged by its own date (the judge reads it
+        // with lstat), then by a watch that can read nothing in it: unchanged.
+        bool stale;
+        try {
+            stale = state.staleTest(names[i].c_str(), kStaleSeconds, deadline);
+        } catch (const ovFileNotFoundError&) {
+            // Holders release without the exclusive lock: the file went
+            // between our look and the judge's. An ordinary race.
+            verdicts[i] = EntryVerdict::Gone;
+            continue;
+        }
+        if (!stale) {
+            keepRecentRead(*state.fs, names[i]);
+            continue;
+        }
+        watched.push_back(names[i]);
+        at.push_back(i);
     }
     // An attribute-caching client can see a live holder's file tens of
-    // seconds old; its content still changes with every refresh.
-    switch (confirmStale(*state.fs, name, deadline)) {
-        case StaleCheck::Live:
-            return EntryVerdict::Live;
-        case StaleCheck::Gone:
-            return EntryVerdict::Gone;
-        case StaleCheck::Stale:
-            break;
+    // seconds old; its content still changes with every refresh. All that
+    // look stale are watched together: ten dead readers cost one watch.
+    const std::vector<StaleCheck> checks = confirmStaleAll(*state.fs, watched, deadline);
+    for (size_t k = 0; k < checks.size(); ++k) {
+        switch (checks[k]) {
+            case StaleCheck::Live: verdicts[at[k]] = EntryVerdict::Live; break;
+            case StaleCheck::Gone: verdicts[at[k]] = EntryVerdict::Gone; break;
+            case StaleCheck::Stale: verdicts[at[k]] = EntryVerdict::Stale; break;
+        }
     }
-    return EntryVerdict::Stale;
+    return verdicts;
 }
 
 bool removeStaleEntry(RwHandleState& state, const std::string& name, const pt::ptime& deadline) {

@@ -9,6 +9,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/locks.hpp>
@@ -171,6 +172,12 @@ enum class EntryVerdict {
 // content to watch.
 EntryVerdict judgeLockEntry(RwHandleState& state, const std::string& name,
                             const boost::posix_time::ptime& deadline);
+
+// judgeLockEntry for every entry one pass found, verdicts in the order of
+// `names`: each is judged by its date first, then all that look stale are
+// watched together in one window (confirmStaleAll).
+std::vector<EntryVerdict> judgeLockEntries(RwHandleState& state, const std::vector<std::string>& names,
+                                           const boost::posix_time::ptime& deadline);
 
 // Removes a stale entry; true when it went (or had gone already). One that
 // stays (another user's file in a sticky directory, no write permission) is

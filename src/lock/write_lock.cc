@@ -7,9 +7,8 @@
 // Downgrade creates the writer's read-lock file before its write-lock file
 // goes, so no other writer fits in between.
 
-#include <memory>
-
-#include <boost/bind/bind.hpp>
+#include <string>
+#include <vector>
 
 #include "lock/rw_lock_internal.h"
 #include "lock/stale_confirmation.h"
@@ -23,20 +22,27 @@ struct ovDirectoryReadWriteLock::WriteLock::Impl : detail::RwHandleState {
 
     bool acquire(const time_duration& timeout, bool noRefresh);
     ReadLock downgrade(const time_duration& timeout);
-    void removeLockFileIfStale(const char* name, int staleArg, const ptime& deadline);
+    void removeStaleOnes(const std::string& readPattern, const std::string& writeLockPath, const ptime& deadline);
     enum Outcome { Held, Busy, Failed };
     Outcome createOwnFile(const std::string& writeLockPath, const std::string& readPattern, bool noRefresh);
 };
 
-void ovDirectoryReadWriteLock::WriteLock::Impl::removeLockFileIfStale(const char* name,
-                                                                     int /*staleArg*/,
-                                                                     const ptime& deadline) {
-    detail::rwLockOnlyThrows([&] {
-        // A stale file that will not go is reported and waited on like a
-        // live one: the pass sleeps and looks again until the deadline.
-        if (detail::judgeLockEntry(*this, name, deadline) == detail::EntryVerdict::Stale)
-            detail::removeStaleEntry(*this, name, deadline);
-    });
+// Every read-lock file and the write-lock file that look stale are watched
+// in one window. Directories count too: anything at a lock file's name keeps
+// writers out, so anything there must be able to go once stale. A stale file
+// that will not go is reported and waited on like a live one: the pass sleeps
+// and looks again until the deadline.
+void ovDirectoryReadWriteLock::WriteLock::Impl::removeStaleOnes(const std::string& readPattern,
+                                                                const std::string& writeLockPath,
+                                                                const ptime& deadline) {
+    std::vector<std::string> found;
+    const auto keep = [&found](const char* name) { found.push_back(name); };
+    const ovStringProcedureAdapter<decltype(keep)> collect(keep);
+    fs->findMatchingFilesAndDirs(readPattern.c_str(), collect, collect, 0, false);
+    fs->findMatchingFilesAndDirs(writeLockPath.c_str(), collect, collect, 0, false);
+    const std::vector<detail::EntryVerdict> verdicts = detail::judgeLockEntries(*this, found, deadline);
+    for (size_t i = 0; i < found.size(); ++i)
+        if (verdicts[i] == detail::EntryVerdict::Stale) detail::removeStaleEntry(*this, found[i], deadline);
 }
 
 // Creates and holds the write-lock file once the pass found none. A pass that
@@ -64,11 +70,6 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
     detail::HandleMutexGuard guard(mutex, timeout);
     if (!guard.owns()) return false;
 
-    // Every matched lock file goes through the stale test on every pass.
-    using namespace boost::placeholders;
-    const std::unique_ptr<ovStringProcedure> removeIfStale(ovNewStringProcedure(
-        boost::bind(&Impl::removeLockFileIfStale, this, _1, 30, deadline)));
-
     const std::string readPattern = detail::joinLockName(directory, READ_LOCK_BASE) + "*";
     const std::string writeLockPath = detail::joinLockName(directory, WRITE_LOCK_BASE);
     detail::requireMatchableLockNames(directory);
@@ -82,10 +83,8 @@ bool ovDirectoryReadWriteLock::WriteLock::Impl::acquire(const time_duration& tim
         // its pass) this pass still tests and creates; createOwnFile keeps
         // two such passes from both winning.
         detail::ExclusivePass pass(exclusive, deadline);
-        // Directories count too: anything at a lock file's name keeps
-        // writers out, so anything there must be able to go once stale.
-        fs->findMatchingFilesAndDirs(readPattern.c_str(), *removeIfStale, *removeIfStale, 0, false);
-        fs->findMatchingFilesAndDirs(writeLockPath.c_str(), *removeIfStale, *removeIfStale, 0, false);
+        // Every matched lock file goes through the stale test on every pass.
+        removeStaleOnes(readPattern, writeLockPath, deadline);
         if (!fs->matchingFileOrDirExists(readPattern.c_str()) &&
             !fs->matchingFileOrDirExists(writeLockPath.c_str())) {
             const Outcome outcome = createOwnFile(writeLockPath, readPattern, noRefresh);

@@ -87,6 +87,26 @@ TEST(RwLockProcesses, CrashedHoldersFilesAreClearedAndDoNotBlock) {
     }
 }
 
+// Dead holders found in one pass are watched in one window: a writer behind
+// five dead readers and a dead writer waits about one content watch (3.5 s),
+// not six in a row (21 s).
+TEST(RwLockProcesses, DeadHoldersFoundTogetherAreWatchedTogether) {
+    ovtest::TempDir dir;
+    std::vector<std::string> dead{dir.file(".deploy_write_lock")};
+    for (int i = 1; i <= 5; ++i) dead.push_back(dir.file(".deploy_read_lock.99999" + std::to_string(i)));
+    for (const std::string& file : dead) {
+        ovtest::writeFile(file, "dead");
+        ovtest::ageFile(file, 40);
+    }
+    WriteLock writer = ovDirectoryReadWriteLock(dir.path()).getWriteLock();
+    const double t0 = ovtest::monotonicSeconds();
+    ASSERT_TRUE(writer.acquire(seconds(60), true));
+    const double took = ovtest::monotonicSeconds() - t0;
+    EXPECT_LT(took, 10.0) << "watched one after another";
+    EXPECT_EQ(0u, readLockCount(dir.path()));
+    EXPECT_TRUE(writer.release());
+}
+
 TEST(RwLockProcesses, ALiveWriterTurnsTryFormsAwayAtOnceAndTimedOnesAtTheirDeadline) {
     ovtest::TempDir dir, ctl;
     ovtest::Child w = holder(dir.path(), "writer", ctl);
