@@ -6,8 +6,12 @@
 // taken over by the contender directly above it.
 
 #include <stdint.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <typeinfo>
 #include <string>
@@ -38,8 +42,8 @@ const int kHighestQueueLevel = 1023;
 const long kOwnFileRefreshMicros = 999999;
 const long kStaleAgeSeconds = 30;
 const pt::time_duration kHolderRefresh = pt::seconds(1);
-// The tidy step after a release: room for one full content watch per
-// candidate (about 3.5 s), and a short removal retry.
+// The tidy step after a release: room for one full content watch (about
+// 3.5 s, all candidates together), and a short removal retry.
 const pt::time_duration kTidyJudgeRoom = pt::seconds(4);
 const pt::time_duration kTidyRemoveRoom = pt::seconds(1);
 // Time given to one operation on a single file (a touch of one's own place, a
@@ -119,6 +123,55 @@ int tidyCandidateLevel(const std::string& path, const std::string& prefix) {
     return level >= 2 && level <= kHighestQueueLevel ? level : -1;
 }
 
+// What a tidy sweep judged stale but could not remove (another user's file
+// in a sticky directory, a directory we may not write to), by path and
+// identity: device, inode and change time. Later sweeps in this process leave
+// exactly that entry alone, so a release does not watch the same junk again
+// and again and it is reported once; anything new at the name (another
+// inode, or the same one rewritten, re-dated or emptied) is judged afresh.
+// Process-wide: objects on one directory come and go, and the read/write
+// lock releases one on every pass. Skipping removes nothing, so it can never
+// cost a live waiter its place.
+class KeptJunk {
+public:
+    struct Identity {
+        dev_t dev;
+        ino_t ino;
+        struct timespec ctime;
+    };
+    // False when nothing is at path (or it cannot be looked at).
+    static bool identify(const std::string& path, Identity& id) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0) return false;
+        id = Identity{st.st_dev, st.st_ino, st.st_ctim};
+        return true;
+    }
+    bool contains(const std::string& path, const Identity& id) {
+        boost::lock_guard<boost::mutex> g(m_);
+        const auto it = kept_.find(path);
+        return it != kept_.end() && same(it->second, id);
+    }
+    void add(const std::string& path, const Identity& id) {
+        boost::lock_guard<boost::mutex> g(m_);
+        if (kept_.size() >= kMaxKept) kept_.clear();  // forgetting only costs another watch
+        kept_[path] = id;
+    }
+
+private:
+    static bool same(const Identity& a, const Identity& b) {
+        return a.dev == b.dev && a.ino == b.ino && a.ctime.tv_sec == b.ctime.tv_sec &&
+               a.ctime.tv_nsec == b.ctime.tv_nsec;
+    }
+    static const size_t kMaxKept = 4096;
+    boost::mutex m_;
+    std::map<std::string, Identity> kept_;
+};
+
+KeptJunk& keptJunk() {
+    static KeptJunk* k = new KeptJunk;  // never destroyed: a release may run during exit
+    return *k;
+}
+
 // A waiter killed while queued leaves its file behind. Normally the one above
 // it takes it over after 30 s; but a file with nobody behind it is never
 // looked at again (newcomers take level 0 directly), so it would stay for ever.
@@ -131,8 +184,11 @@ int tidyCandidateLevel(const std::string& path, const std::string& prefix) {
 // at 1 may just have moved to 0, or one at 2 is between its steps), so every
 // candidate goes through the same staleness judge and content watch as a
 // take-over: a live waiter refreshes its file every second and is never
-// removed. The release has already happened, so nothing here may undo or
-// fail it: errors become warnings, an interruption ends the sweep.
+// removed. All candidates are watched in one window, so the release pays one
+// watch (about 3.5 s) however many there are, and none for junk it already
+// failed to remove (KeptJunk). The release has already happened, so nothing
+// here may undo or fail it: errors become warnings, an interruption ends the
+// sweep.
 void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& staleTest,
                       ovAbstractFS& fs) {
     std::string current = lock.getLockFileName(1);
@@ -153,27 +209,48 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
         fs.findMatchingFilesAndDirs(current.c_str(), collect, ignore, 0, false);
         std::sort(levels.begin(), levels.end());
 
+        std::vector<int> stale;
+        std::vector<std::string> names;
+        std::vector<KeptJunk::Identity> ids;
         for (int n : levels) {
             current = lock.getLockFileName(n);
+            KeptJunk::Identity id;
+            if (!KeptJunk::identify(current, id) || keptJunk().contains(current, id)) continue;
             try {
                 if (!staleTest(current.c_str(), kStaleAgeSeconds, detail::steadyNow() + kTidyJudgeRoom))
                     continue;
             } catch (const ovFileNotFoundError&) {
                 continue;  // its waiter moved on or gave up meanwhile
             }
-            // A fresh deadline after the judge (whose first use calibrates):
-            // a watch cut short could pass a live file on a caching client as
-            // stale. Live and Gone leave the file to its owner.
-            if (detail::confirmStale(fs, current, detail::steadyNow() + kTidyJudgeRoom) !=
-                detail::StaleCheck::Stale)
-                continue;
+            stale.push_back(n);
+            names.push_back(current);
+            ids.push_back(id);
+        }
+        if (names.empty()) return;
+        // A fresh deadline after the judge (whose first use calibrates): a
+        // watch cut short could pass a live file on a caching client as
+        // stale. Live and Gone leave the file to its owner.
+        const std::vector<detail::StaleCheck> verdicts =
+            detail::confirmStaleAll(fs, names, detail::steadyNow() + kTidyJudgeRoom);
+
+        for (size_t i = 0; i < names.size(); ++i) {
+            if (verdicts[i] != detail::StaleCheck::Stale) continue;
+            current = names[i];
             stale_log << "FS_LOCK: removing stale lock " << current << std::endl;
-            // Site 390: a file left by a dead waiter that the releasing
-            // holder could not remove.
-            if (lock.removeLockFileWithTenacity(n, detail::steadyNow() + kTidyRemoveRoom))
+            bool removed = false;
+            try {
+                removed = lock.removeLockFileWithTenacity(stale[i], detail::steadyNow() + kTidyRemoveRoom);
+            } catch (const ovPermissionDenied&) {
+                // A directory we may not write to: as for any file that stays.
+            }
+            if (removed) {
                 stale_log << "FS_LOCK: removed stale lock " << current << std::endl;
-            else
+            } else {
+                // Site 390: a file left by a dead waiter that the releasing
+                // holder could not remove.
                 warning << "FS_LOCK: failed to remove " << current << "(390)" << std::endl;
+                keptJunk().add(current, ids[i]);
+            }
         }
     } catch (const boost::thread_interrupted&) {
         // Stop sweeping; the rest is left for a later release.

@@ -4,6 +4,9 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <set>
+#include <string>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/thread.hpp>
@@ -23,6 +26,19 @@ namespace {
 
 using exctest::level;
 using exctest::worker;
+
+// Removal of the names in `refused` fails as in a sticky directory, of those
+// in `denied` as in a directory we may not write to.
+class RefusingFS : public ovNetworkFS {
+public:
+    using ovAbstractFS::refreshLockFile;
+    bool removeFile(const std::string& name, const pt::ptime& deadline) override {
+        if (refused.count(name)) return false;
+        if (denied.count(name)) throw ovPermissionDenied("Tried to obtain a lock: " + name);
+        return ovNetworkFS::removeFile(name, deadline);
+    }
+    std::set<std::string> refused, denied;
+};
 
 // A file as a waiter killed 40 s ago would have left it.
 void leaveDebris(const std::string& path) {
@@ -67,10 +83,51 @@ TEST(ExclusiveTidy, LiveFileBehindAGapIsKeptEvenWhenItLooksOld) {
     ASSERT_TRUE(lock.tryAcquire(true));
     ovLockFile live(level(dir, 2), pt::seconds(1), ovGetDefaultFSImp());
     ASSERT_TRUE(static_cast<bool>(live));
+    leaveDebris(level(dir, 3));  // watched in the same window: each keeps its own verdict
+    leaveDebris(level(dir, 4));
     const int readsBefore = cached->contentReads;
     EXPECT_TRUE(lock.release());
     EXPECT_GT(cached->contentReads, readsBefore) << "the old-looking file was never watched";
     EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{".deploy_lock.2"});
+}
+
+// Junk the releaser cannot remove (another user's file in a sticky
+// directory, a directory it may not write to) costs the first release one
+// watch of all candidates together and one warning each; later releases
+// leave it alone. Something new at such a name (a dead waiter's file) is
+// judged afresh.
+TEST(ExclusiveTidy, JunkThatStaysCostsOneWatchAndOneWarning) {
+    TempDir dir;
+    const auto fs = boost::make_shared<RefusingFS>();
+    ovDirectoryExclusiveLock lock(dir.path(), "holder", fs);
+    LogCapture warnings(warning);
+    const int junk[] = {2, 3, 4};
+    for (int n : junk) leaveDebris(level(dir, n));
+    fs->refused = {level(dir, 2), level(dir, 3)};
+    fs->denied = {level(dir, 4)};
+    leaveDebris(level(dir, 5));
+    const double t0 = monotonicSeconds();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(lock.tryAcquire(true));
+        EXPECT_TRUE(lock.release());
+    }
+    // One after another and on every release: (4 + 3 + 3) watches of 3.5 s.
+    EXPECT_LT(monotonicSeconds() - t0, 9.0);
+    EXPECT_FALSE(pathExists(level(dir, 5)));
+    const std::string said = warnings.text();
+    for (int n : junk) {
+        const std::string line = "failed to remove " + level(dir, n) + "(390)";
+        EXPECT_NE(said.find(line), std::string::npos) << said;
+        EXPECT_EQ(said.find(line), said.rfind(line)) << "reported more than once: " << said;
+    }
+
+    ASSERT_EQ(::unlink(level(dir, 3).c_str()), 0);
+    leaveDebris(level(dir, 3));
+    fs->refused = {level(dir, 2)};
+    ASSERT_TRUE(lock.tryAcquire(true));
+    EXPECT_TRUE(lock.release());
+    EXPECT_FALSE(pathExists(level(dir, 3)));
+    EXPECT_TRUE(pathExists(level(dir, 2)));
 }
 
 // Only plain levels of 2 and up are judged, and only with level 1 empty.
