@@ -212,10 +212,14 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
         std::vector<int> stale;
         std::vector<std::string> names;
         std::vector<KeptJunk::Identity> ids;
+        std::vector<bool> identified;
         for (int n : levels) {
             current = lock.getLockFileName(n);
-            KeptJunk::Identity id;
-            if (!KeptJunk::identify(current, id) || keptJunk().contains(current, id)) continue;
+            // A name we cannot look at directly (a file system that is not
+            // the host's) is judged every time, as before.
+            KeptJunk::Identity id{};
+            const bool known = KeptJunk::identify(current, id);
+            if (known && keptJunk().contains(current, id)) continue;
             try {
                 if (!staleTest(current.c_str(), kStaleAgeSeconds, detail::steadyNow() + kTidyJudgeRoom))
                     continue;
@@ -225,6 +229,7 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
             stale.push_back(n);
             names.push_back(current);
             ids.push_back(id);
+            identified.push_back(known);
         }
         if (names.empty()) return;
         // A fresh deadline after the judge (whose first use calibrates): a
@@ -249,7 +254,7 @@ void tidyAfterRelease(const ovDirectoryExclusiveLock& lock, ovLockFileIsStale& s
                 // Site 390: a file left by a dead waiter that the releasing
                 // holder could not remove.
                 warning << "FS_LOCK: failed to remove " << current << "(390)" << std::endl;
-                keptJunk().add(current, ids[i]);
+                if (identified[i]) keptJunk().add(current, ids[i]);
             }
         }
     } catch (const boost::thread_interrupted&) {
