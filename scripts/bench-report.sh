@@ -103,8 +103,8 @@ fs_outcome() {  # TAG OUTCOME DESCRIPTION
   echo "$1|$2|$3" >>"$hfs"
   case $2 in
     ran) ;;
-    SKIPPED*) notes+=("Hand-over on $3 $2") ;;
-    *) notes+=("Hand-over on $3 $2"); status=1 ;;
+    SKIPPED*) notes+=("Hand-over on $3: $2") ;;
+    *) notes+=("Hand-over on $3: $2"); status=1 ;;
   esac
 }
 if [ $offline = 0 ] && [ -x "$build/bench/handover_bench" ]; then
