@@ -26,11 +26,9 @@
 //                           latency in ms per line) and rate-<tag>.txt.
 //   ORVANE_BENCH_TAG        the <tag> above (default "local").
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -49,133 +47,24 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <boost/date_time/posix_time/posix_time.hpp>
 
-#include "orvane/exclusive_lock.h"
-#include "orvane/path.h"
+#include "bench_clock.h"
+#include "bench_env.h"
+#include "lock_dirs.h"
+#include "lock_recipes.h"
+
+using namespace benchutil;
 
 namespace {
 
 const long long kHoldNs = 1000000;  // 1 ms inside the lock
 const int kMaxEventsPerProcess = 20000;
 
-long long nowNs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
-}
-
-void sleepNs(long long ns) {
-    timespec ts = {static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
-    nanosleep(&ts, nullptr);
-}
-
 double runSeconds() {
     const char* s = std::getenv("ORVANE_BENCH_SECONDS");
     const double v = s ? std::atof(s) : 0;
     return v > 0 ? v : 3.0;
 }
-
-std::string env(const char* name, const char* fallback) {
-    const char* v = std::getenv(name);
-    return v && *v ? v : fallback;
-}
-
-// The directories to lock: several names of one shared directory, used as
-// they are, or one fresh directory of our own.
-class LockDirs {
-public:
-    LockDirs() {
-        std::string list = env("ORVANE_BENCH_LOCK_DIRS", "");
-        if (list.empty()) {
-            char templ[] = "/tmp/orvane-lockbench-XXXXXX";
-            if (!mkdtemp(templ)) std::abort();
-            own_ = templ;
-            dirs_.push_back(own_);
-            return;
-        }
-        size_t start = 0;
-        while (start <= list.size()) {
-            size_t end = list.find(':', start);
-            if (end == std::string::npos) end = list.size();
-            if (end > start) dirs_.push_back(list.substr(start, end - start));
-            start = end + 1;
-        }
-        // A run whose contenders died leaves their files; start clean.
-        for (const std::string& name : entries()) unlink((dirs_[0] + "/" + name).c_str());
-    }
-    ~LockDirs() {
-        if (!own_.empty()) ovRemoveRF(own_.c_str());
-    }
-    const std::string& forContender(int i) const { return dirs_[i % dirs_.size()]; }
-    // Anything still in the directory after a run (should be nothing).
-    std::string leftovers() const {
-        std::string out;
-        for (const std::string& name : entries()) out += name + " ";
-        return out;
-    }
-
-private:
-    // The directory's entries, without the names a FUSE client gives files
-    // that were removed while a (killed) process still had them open.
-    std::vector<std::string> entries() const {
-        std::vector<std::string> out;
-        if (DIR* d = opendir(dirs_[0].c_str())) {
-            while (dirent* e = readdir(d)) {
-                const std::string name = e->d_name;
-                if (name != "." && name != ".." && name.compare(0, 12, ".fuse_hidden") != 0) {
-                    out.push_back(name);
-                }
-            }
-            closedir(d);
-        }
-        return out;
-    }
-
-    std::vector<std::string> dirs_;
-    std::string own_;
-};
-
-// ---- The two locks under test ------------------------------------------------
-
-class Contender {
-public:
-    virtual ~Contender() {}
-    virtual bool acquire() = 0;
-    virtual void release() = 0;
-};
-
-class OrvaneContender : public Contender {
-public:
-    explicit OrvaneContender(const std::string& dir) : lock_(dir, "bench") {}
-    bool acquire() override { return lock_.acquire(boost::posix_time::seconds(60)); }
-    void release() override { lock_.release(); }
-
-private:
-    ovDirectoryExclusiveLock lock_;
-};
-
-// The obvious lock from the same primitive: poll an exclusive create.
-class NaiveContender : public Contender {
-public:
-    explicit NaiveContender(const std::string& dir) : file_(dir + "/naive.lock") {}
-    bool acquire() override {
-        const long long end = nowNs() + 60LL * 1000000000LL;
-        while (nowNs() < end) {
-            const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-            if (fd >= 0) {
-                close(fd);
-                return true;
-            }
-            sleepNs(5000000);
-        }
-        return false;
-    }
-    void release() override { unlink(file_.c_str()); }
-
-private:
-    std::string file_;
-};
 
 // ---- One run: N processes, events recorded in shared memory -------------------
 
@@ -200,15 +89,16 @@ struct RunResult {
 };
 
 void contend(Shared* shared, int me, const std::string& dir, bool orvane, long long stopAt) {
-    std::unique_ptr<Contender> c;
+    std::unique_ptr<LockRecipe> c;
     try {
-        if (orvane) c.reset(new OrvaneContender(dir));
-        else c.reset(new NaiveContender(dir));
+        // The naive lock is the obvious one from the same primitive.
+        if (orvane) c.reset(new OrvaneRecipe(dir, "bench"));
+        else c.reset(new OExclRecipe(dir + "/naive.lock"));
         while (shared->go.load() == 0) usleep(200);
         while (nowNs() < stopAt) {
             Event e;
             e.waitStart = nowNs();
-            if (!c->acquire()) throw std::runtime_error("acquire timed out after 60 s");
+            if (!c->acquire(nowNs() + 60000000000LL)) throw std::runtime_error("acquire timed out after 60 s");
             e.acquired = nowNs();
             sleepNs(kHoldNs);
             e.released = nowNs();
