@@ -111,6 +111,7 @@ hstart() {
   last_pid=$!
   pids+=("$last_pid")
   hpid[$name]=$last_pid   # hostile_run's table
+  res_of[$last_pid]="$work/$name.res"
 }
 
 res_field() { grep -o "$2=[^ ]*" "$work/$1.res" 2>/dev/null | cut -d= -f2; }

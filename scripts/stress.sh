@@ -37,6 +37,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/orvane-stress.XXXXXX") || exit 1
 netfs_env=""
 gluster_env=""
 pids=()
+declare -A res_of=()  # worker pid -> its result file
 summary=()
 failures=0
 
@@ -87,6 +88,7 @@ start_worker() {
   fi
   last_pid=$!
   pids+=("$last_pid")
+  res_of[$last_pid]="$work/$name.res"
 }
 
 # wait_bounded SECONDS PID...: waits for each pid until the common deadline;
@@ -101,6 +103,12 @@ wait_bounded() {
     while kill -0 "$p" 2>/dev/null && [ "$(date +%s)" -lt "$end" ]; do sleep 0.5; done
     if kill -0 "$p" 2>/dev/null; then kill -9 "$p" 2>/dev/null; late=1; fi
     wait "$p" 2>/dev/null; code=$?
+    # 127: bash forgot the status, because a later child got the same pid
+    # (pids wrap within a run); a worker's result file says how it ended.
+    if [ "$code" = 127 ] && [ -n "${res_of[$p]:-}" ]; then
+      code=$(grep -o 'exit=[0-9]*' "${res_of[$p]}" 2>/dev/null | cut -d= -f2)
+      code=${code:-127}
+    fi
     exit_codes+=("$code")
   done
   return $late

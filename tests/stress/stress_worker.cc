@@ -331,6 +331,7 @@ int run(const Options& o) {
                 << e.released << '\n';
         }
     }
+    const int code = (t.overlaps || fdLeak > 0 || threadLeak > 0) ? 1 : t.lost ? 5 : t.failed ? 4 : 0;
     if (!o.result.empty()) {
         std::ofstream out(o.result.c_str());
         out << "acquired=" << t.acquired << " failed=" << t.failed << " overlaps=" << t.overlaps
@@ -342,11 +343,12 @@ int run(const Options& o) {
             out << sep << p;
             sep = ",";
         }
-        out << "\n";
+        // The exit code too: the harness's shell loses a child's status when
+        // another child gets its pid before it is asked (pids wrap quickly
+        // under a stress run).
+        out << " exit=" << code << "\n";
     }
-    if (t.overlaps || fdLeak > 0 || threadLeak > 0) return 1;
-    if (t.lost) return 5;
-    return t.failed ? 4 : 0;
+    return code;
 }
 
 bool parse(int argc, char** argv, Options& o) {
