@@ -147,8 +147,32 @@ hostile_run() {
     >"$work/hostile-junk.log" 2>&1 &
   local jpid=$! ; pids+=("$jpid")
 
-  # Contenders: MODE:UID, each for 55 s, 45 s per acquisition at most.
   local xnames=() rwnames=() all=() entry mode uid k=0 ck
+
+  # Holders to stop (VICTIM:MODE:UID:CHECK) and the taker started for each
+  # once it is stopped (MODE:UID). Started before the crowd below, the
+  # writer first: a writer that must wait for a moment without readers among
+  # five busy ones got in only once they had ended, about 100 s in, and
+  # twice in three runs missed the 110 s it is given to hold.
+  local vnames=() vpids=() tspecs=() vstop=() vcont=() tnames=() vk
+  local w
+  for entry in writer:65533:rw:writer:0 exclusive:65534:x:exclusive:65533 reader:0:rw:writer:65534; do
+    IFS=: read -r mode uid ck tmode tuid <<<"$entry"
+    [ "$ck" = x ] && ck=$cx || ck=$crw
+    local name="$label-stopped-$mode"
+    hstart "$name" "$uid" --mode "$mode" --dir "$dir" --check-dir "$ck" --iterations 1 \
+      --hold-ms 4000 --timeout-ms 110000 --ready "$work/$name.ready"
+    [ "$mode" = reader ] && echo "$last_pid" >>"$pidfile"
+    vnames+=("$name"); vpids+=("$last_pid"); tspecs+=("$tmode:$tuid:$ck"); vstop+=(""); vcont+=("")
+    all+=("$name")
+    [ "$ck" = "$cx" ] && xnames+=("$name") || rwnames+=("$name")
+    # The writer holds first (at most 10 s), before the reader or the crowd.
+    if [ "$mode" = writer ]; then
+      for w in $(seq 1 100); do [ -s "$work/$name.ready" ] && break; sleep 0.1; done
+    fi
+  done
+
+  # Contenders: MODE:UID, each for 55 s, 45 s per acquisition at most.
   for entry in exclusive:65534 exclusive:65534 exclusive:65533 exclusive:65533 exclusive:0 \
               writer:65534 writer:65533 writer:0 reader:65534 reader:65534 reader:65533 \
               reader:65533 reader:0; do
@@ -163,20 +187,6 @@ hostile_run() {
     [ "$mode" = reader ] && echo "$last_pid" >>"$pidfile"
   done
 
-  # Holders to stop (VICTIM:MODE:UID:CHECK) and the taker started for each
-  # once it is stopped (MODE:UID).
-  local vnames=() vpids=() tspecs=() vstop=() vcont=() tnames=() vk
-  for entry in exclusive:65534:x:exclusive:65533 writer:65533:rw:writer:0 reader:0:rw:writer:65534; do
-    IFS=: read -r mode uid ck tmode tuid <<<"$entry"
-    [ "$ck" = x ] && ck=$cx || ck=$crw
-    local name="$label-stopped-$mode"
-    hstart "$name" "$uid" --mode "$mode" --dir "$dir" --check-dir "$ck" --iterations 1 \
-      --hold-ms 4000 --timeout-ms 110000 --ready "$work/$name.ready"
-    [ "$mode" = reader ] && echo "$last_pid" >>"$pidfile"
-    vnames+=("$name"); vpids+=("$last_pid"); tspecs+=("$tmode:$tuid:$ck"); vstop+=(""); vcont+=("")
-    all+=("$name")
-    [ "$ck" = "$cx" ] && xnames+=("$name") || rwnames+=("$name")
-  done
   local started; started=$(date +%s)
 
   # Stop each victim as soon as it holds (inside its 4 s hold), start its
