@@ -7,6 +7,9 @@
 // directory under /tmp.
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/xattr.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,14 +81,32 @@ public:
     void removeSubdir(const std::string& name) const { ovRemoveRF((dirs_[0] + "/" + name).c_str()); }
 
 private:
+    // A name the client still lists after another client removed it (an
+    // sshfs client keeps its listing for 20 s): the server, asked by
+    // attribute (GlusterFS) or by an open (sshfs), says it is gone.
+    static bool removedElsewhere(const std::string& path) {
+        char value[1];
+        if (lgetxattr(path.c_str(), "user.orvane.probe", value, sizeof value) < 0 &&
+            (errno == ENOENT || errno == ESTALE))
+            return true;
+        const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+        if (fd >= 0) {
+            close(fd);
+            return false;
+        }
+        return errno == ENOENT;
+    }
+
     // The directory's entries, without the names a FUSE client gives files
-    // that were removed while a (killed) process still had them open.
+    // that were removed while a (killed) process still had them open, and
+    // without names removed through another client.
     std::vector<std::string> entries() const {
         std::vector<std::string> out;
         if (DIR* d = opendir(dirs_[0].c_str())) {
             while (dirent* e = readdir(d)) {
                 const std::string name = e->d_name;
-                if (name != "." && name != ".." && name.compare(0, 12, ".fuse_hidden") != 0) {
+                if (name != "." && name != ".." && name.compare(0, 12, ".fuse_hidden") != 0 &&
+                    !removedElsewhere(dirs_[0] + "/" + name)) {
                     out.push_back(name);
                 }
             }
