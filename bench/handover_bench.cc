@@ -16,6 +16,12 @@
 //                       getting: median, 99th percentile, longest), overlaps,
 //                       workers that finished all K, and "correct": no overlap
 //                       and every worker finished.
+//   Handover/<impl>-rw  the same with readers and writers: worker i is a
+//                       writer when (i / 2) is even, a reader otherwise, so
+//                       each client has both; a writer inside with anyone
+//                       else, or a reader inside with a writer, is one
+//                       overlap (counted in shared memory). Our read/write
+//                       lock next to flock(2) shared and exclusive.
 //   Uncontended/<impl>  the median of N acquire + release pairs by one process
 //                       through the first name; for orvane also the calls on
 //                       its file-system interface per pair, by kind.
@@ -71,6 +77,10 @@ namespace {
 
 const int kMaxWorkers = 64;
 const char* const kImpls[] = {"oexcl", "mkdir", "hardlink", "flock", "orvane"};
+const char* const kRwImpls[] = {"flock-rw", "orvane-rw"};
+
+bool isRw(const std::string& impl) { return impl.size() > 3 && impl.compare(impl.size() - 3, 3, "-rw") == 0; }
+bool isWriter(int worker) { return (worker / 2) % 2 == 0; }
 
 struct Config {
     int workers, rounds, pairs;
@@ -113,6 +123,8 @@ std::unique_ptr<LockRecipe> makeRecipe(const std::string& impl, const std::strin
     else if (impl == "oexcl") r.reset(new OExclRecipe(dir + "/oexcl.lock"));
     else if (impl == "mkdir") r.reset(new MkdirRecipe(dir + "/mkdir.lock"));
     else if (impl == "flock") r.reset(new FlockRecipe(dir + "/flock.lock"));
+    else if (impl == "orvane-rw") r.reset(new OrvaneRwRecipe(dir, isWriter(worker), fs));
+    else if (impl == "flock-rw") r.reset(new FlockRecipe(dir + "/flock.lock", isWriter(worker) ? LOCK_EX : LOCK_SH));
     else if (impl == "hardlink") {
         char host[256] = "";
         gethostname(host, sizeof host - 1);
@@ -137,6 +149,7 @@ struct Worker {
 
 struct Shared {
     std::atomic<int> go;
+    std::atomic<int> readersIn, writersIn;  // read/write runs: who is inside
     long long goNs;
     Worker w[kMaxWorkers];
     Event events[1];  // workers * rounds of them follow
@@ -159,6 +172,7 @@ void work(Shared* s, int me, const std::string& impl, const std::string& dir, co
     try {
         const boost::shared_ptr<CountingFS> fs = boost::make_shared<CountingFS>(ovGetDefaultFSImp());
         std::unique_ptr<LockRecipe> lock = makeRecipe(impl, dir, me, fs);
+        const bool rw = isRw(impl), writer = isWriter(me);
         w.ready.store(1);
         const long long give = nowNs() + 60000000000LL;
         while (s->go.load() == 0) {
@@ -171,13 +185,23 @@ void work(Shared* s, int me, const std::string& impl, const std::string& dir, co
             e.asked = nowNs();
             if (!lock->acquire(deadline)) break;
             e.got = nowNs();
-            const int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-            if (fd < 0 && errno != EEXIST) throw sysError("create", marker);
-            if (fd < 0) w.overlaps.fetch_add(1);
-            sleepNs(c.holdNs);
-            if (fd >= 0) {
-                close(fd);
-                unlink(marker.c_str());
+            if (rw) {
+                // Each side counts itself in, then looks at the other: of two
+                // that meet, at least one sees the other.
+                if (writer ? s->writersIn.fetch_add(1) > 0 || s->readersIn.load() > 0
+                           : (s->readersIn.fetch_add(1), s->writersIn.load() > 0))
+                    w.overlaps.fetch_add(1);
+                sleepNs(c.holdNs);
+                (writer ? s->writersIn : s->readersIn).fetch_sub(1);
+            } else {
+                const int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+                if (fd < 0 && errno != EEXIST) throw sysError("create", marker);
+                if (fd < 0) w.overlaps.fetch_add(1);
+                sleepNs(c.holdNs);
+                if (fd >= 0) {
+                    close(fd);
+                    unlink(marker.c_str());
+                }
             }
             e.left = nowNs();
             lock->release();
@@ -309,6 +333,7 @@ void BM_Handover(benchmark::State& state, const std::string& impl) {
     }
     state.counters["acq_per_s"] = r.rate;
     state.counters["handovers"] = static_cast<double>(r.handovers);
+    state.counters["handovers_per_s"] = r.seconds > 0 ? r.handovers / r.seconds : 0;
     state.counters["wait_p50_ms"] = percentile(r.waitsMs, 0.5);
     state.counters["wait_p99_ms"] = percentile(r.waitsMs, 0.99);
     state.counters["wait_max_ms"] = percentile(r.waitsMs, 1.0);
@@ -318,7 +343,7 @@ void BM_Handover(benchmark::State& state, const std::string& impl) {
     state.counters["finished"] = r.finished;
     state.counters["workers"] = r.workers;
     state.counters["correct"] = r.correct() ? 1 : 0;
-    if (impl == "orvane" && r.acquisitions > 0)
+    if ((impl == "orvane" || impl == "orvane-rw") && r.acquisitions > 0)
         state.counters["fs_calls_per_acq"] = static_cast<double>(r.fsCalls) / r.acquisitions;
     if (!r.error.empty()) state.SetLabel(r.error);
     writeData(impl, r);
@@ -377,6 +402,32 @@ void BM_Uncontended(benchmark::State& state, const std::string& impl) {
     pairResults()[impl] = p;
 }
 
+// Ours against the best correct other lock of the group (by acquisitions
+// per second), and also by hand-overs per second: polling locks let the
+// releasing worker take the lock again at once, so their rate counts few.
+void compareWithBest(const std::vector<std::string>& group, const std::string& ours) {
+    const auto mine = results().find(ours);
+    if (mine == results().end()) return;
+    const RunResult* best = nullptr;
+    std::string bestName;
+    for (const std::string& impl : group) {
+        const auto it = results().find(impl);
+        if (impl.compare(0, 6, "orvane") == 0 || it == results().end() || !it->second.correct()) continue;
+        if (!best || it->second.rate > best->rate) {
+            best = &it->second;
+            bestName = impl;
+        }
+    }
+    const auto perSecond = [](const RunResult& r) { return r.seconds > 0 ? r.handovers / r.seconds : 0.0; };
+    if (best && best->rate > 0)
+        std::printf("%s / best correct alternative (%s): %.3f in acquisitions per second, %.3f in hand-overs per "
+                    "second; ", ours.c_str(), bestName.c_str(), mine->second.rate / best->rate,
+                    perSecond(*best) > 0 ? perSecond(mine->second) / perSecond(*best) : 0.0);
+    else
+        std::printf("%s: no correct alternative to compare with; ", ours.c_str());
+    std::printf("%s's longest wait %.1f ms\n", ours.c_str(), percentile(mine->second.waitsMs, 1.0));
+}
+
 void printSummary() {
     const Config& c = config();
     if (results().empty() && pairResults().empty()) return;
@@ -386,37 +437,37 @@ void printSummary() {
     std::printf("%-9s %9s %9s %9s %9s %9s %9s %9s %8s %8s %7s %9s\n", "impl", "acq/s", "handovers",
                 "h/o p50", "h/o max", "wait p50", "wait p99", "wait max", "overlaps", "finished", "correct",
                 "alone");
-    const RunResult* best = nullptr;
-    std::string bestName;
-    for (const char* impl : kImpls) {
+    const std::vector<std::string> exclusive(std::begin(kImpls), std::end(kImpls));
+    const std::vector<std::string> rw(std::begin(kRwImpls), std::end(kRwImpls));
+    std::vector<std::string> all = exclusive;
+    all.insert(all.end(), rw.begin(), rw.end());
+    for (const std::string& impl : all) {
         const auto it = results().find(impl);
         const auto p = pairResults().find(impl);
         if (it == results().end() && p == pairResults().end()) continue;
         const RunResult r = it != results().end() ? it->second : RunResult();
-        std::printf("%-9s %9.1f %9ld %9.2f %9.2f %9.2f %9.2f %9.2f %8ld %5d/%-2d %7s %9.3f\n", impl, r.rate,
-                    r.handovers, percentile(r.handoverMs, 0.5), percentile(r.handoverMs, 1.0),
+        std::printf("%-9s %9.1f %9ld %9.2f %9.2f %9.2f %9.2f %9.2f %8ld %5d/%-2d %7s %9.3f\n", impl.c_str(),
+                    r.rate, r.handovers, percentile(r.handoverMs, 0.5), percentile(r.handoverMs, 1.0),
                     percentile(r.waitsMs, 0.5), percentile(r.waitsMs, 0.99), percentile(r.waitsMs, 1.0),
                     r.overlaps, r.finished, r.workers, r.correct() ? "yes" : "NO",
                     p != pairResults().end() ? p->second.medianMs : 0.0);
-        if (std::string(impl) != "orvane" && it != results().end() && r.correct() && (!best || r.rate > best->rate)) {
-            best = &it->second;
-            bestName = impl;
-        }
     }
-    for (const char* impl : kImpls) {
+    for (const std::string& impl : all) {
         const auto it = results().find(impl);
         if (it != results().end() && !it->second.error.empty())
-            std::printf("%s: %s\n", impl, it->second.error.c_str());
+            std::printf("%s: %s\n", impl.c_str(), it->second.error.c_str());
     }
-    const auto ours = results().find("orvane");
-    if (ours != results().end()) {
-        if (best && best->rate > 0)
-            std::printf("orvane / best correct alternative (%s): %.3f in acquisitions per second; ",
-                        bestName.c_str(), ours->second.rate / best->rate);
-        else
-            std::printf("orvane: no correct alternative to compare with; ");
-        std::printf("orvane's longest wait %.1f ms\n", percentile(ours->second.waitsMs, 1.0));
-    }
+    compareWithBest(exclusive, "orvane");
+    // A correct exclusive lock is a correct read/write lock too.
+    compareWithBest(all, "orvane-rw");
+    // Any lock made of a file created to acquire and removed to release needs
+    // both, one after the other, per acquisition: O_EXCL's uncontended pair
+    // is that cost, and its inverse the most such a lock can reach.
+    const auto pair = pairResults().find("oexcl");
+    if (pair != pairResults().end() && pair->second.medianMs > 0)
+        std::printf("ceiling of a lock that creates and removes a file per acquisition: %.1f acquisitions per "
+                    "second (one exclusive create and one removal: %.3f ms)\n",
+                    1000.0 / pair->second.medianMs, pair->second.medianMs);
     const auto alone = pairResults().find("orvane");
     if (alone != pairResults().end() && !alone->second.callsPerPair.empty()) {
         std::printf("orvane's file-system calls per uncontended acquire + release:");
@@ -440,6 +491,9 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark((std::string("Uncontended/") + impl).c_str(), BM_Uncontended, std::string(impl))
             ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
     for (const char* impl : kImpls)
+        benchmark::RegisterBenchmark((std::string("Handover/") + impl).c_str(), BM_Handover, std::string(impl))
+            ->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+    for (const char* impl : kRwImpls)
         benchmark::RegisterBenchmark((std::string("Handover/") + impl).c_str(), BM_Handover, std::string(impl))
             ->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
     benchmark::Initialize(&argc, argv);

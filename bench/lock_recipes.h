@@ -38,6 +38,7 @@
 
 #include "bench_clock.h"
 #include "orvane/exclusive_lock.h"
+#include "orvane/rw_lock.h"
 
 namespace benchutil {
 
@@ -70,6 +71,29 @@ public:
 
 private:
     ovDirectoryExclusiveLock lock_;
+};
+
+// One side of our read/write lock: a reader or a writer.
+class OrvaneRwRecipe : public LockRecipe {
+public:
+    OrvaneRwRecipe(const std::string& dir, bool writer,
+                   const boost::shared_ptr<ovAbstractFS>& fs = ovGetDefaultFSImp())
+        : rw_(dir, fs), reader_(rw_.getReadLock()), writer_(rw_.getWriteLock()), isWriter_(writer) {}
+    bool acquire(long long deadlineNs) override {
+        const long long left = deadlineNs - nowNs();
+        const boost::posix_time::time_duration t = boost::posix_time::microseconds(left > 0 ? left / 1000 : 0);
+        return isWriter_ ? writer_.acquire(t) : reader_.acquire(t);
+    }
+    void release() override {
+        if (!(isWriter_ ? writer_.release() : reader_.release()))
+            throw std::runtime_error("release of a lock not held");
+    }
+
+private:
+    ovDirectoryReadWriteLock rw_;
+    ovDirectoryReadWriteLock::ReadLock reader_;
+    ovDirectoryReadWriteLock::WriteLock writer_;
+    bool isWriter_;
 };
 
 class OExclRecipe : public LockRecipe {
@@ -195,7 +219,7 @@ private:
 
 class FlockRecipe : public LockRecipe {
 public:
-    explicit FlockRecipe(const std::string& file) : file_(file) {
+    explicit FlockRecipe(const std::string& file, int mode = LOCK_EX) : file_(file), mode_(mode) {
         // The deadline interrupts a blocking flock() by SIGALRM, which must
         // therefore not restart the call.
         struct sigaction sa;
@@ -215,7 +239,7 @@ public:
             itimerval t = {{0, 0}, {static_cast<time_t>(left / 1000000000LL),
                                     static_cast<suseconds_t>(left % 1000000000LL / 1000 + 1)}};
             setitimer(ITIMER_REAL, &t, nullptr);
-            const int r = flock(fd_, LOCK_EX);
+            const int r = flock(fd_, mode_);
             const int err = errno;
             t = itimerval{{0, 0}, {0, 0}};
             setitimer(ITIMER_REAL, &t, nullptr);
@@ -242,6 +266,7 @@ public:
 
 private:
     std::string file_;
+    int mode_;
     int fd_ = -1;
 };
 
